@@ -1,0 +1,133 @@
+// The frame every native method follows, written once: read the receiver's
+// handles, check the arguments with the method's own messages, call the
+// kernel inside lock brackets, and return the zero result whenever a Java
+// exception is pending. A native states only its own steps and messages.
+//
+// Natives are never unwound by the kernel (its errors stop at the kernel
+// operation), so the frame may use lambdas freely.
+#ifndef AMBRIX_FRAME_H
+#define AMBRIX_FRAME_H
+
+#include <initializer_list>
+#include <type_traits>
+
+#include "bridge.h"
+
+namespace ambrix {
+
+// Throws `message` unless an exception is pending; always yields false.
+inline bool fail(JNIEnv *env, const char *message) {
+    ThrowVexelException(env, message);
+    return false;
+}
+
+// Reads an object's handle; a null reference or a zero handle fails with
+// `message` unless getDag left an exception of its own.
+inline bool readDag(JNIEnv *env, jobject object, const char *message, ALGEB &handle) {
+    handle = getDag(env, object);
+    return handle != nullptr || fail(env, message);
+}
+
+// An argument whose handle the frame reads, with its message.
+struct Arg {
+    jobject object;
+    const char *message;
+};
+
+// What a native's steps work with.
+struct Call {
+    JNIEnv *env;
+    CallBackFrontEnd *frontEnd = nullptr;
+    ALGEB self = nullptr;     // the receiver's handle (value methods)
+    ALGEB args[3] = {};       // the handles of the Arg list, in order
+
+    KernelVector kv() const { return frontEnd->kernelVector; }
+
+    // One pass through the kernel lock: `step` runs with the lock held.
+    // False when the lock was not taken or an exception is pending after
+    // the release.
+    template <typename Step>
+    bool locked(Step &&step) {
+        EnterKernel(env, frontEnd);
+        if (env->ExceptionCheck()) return false;
+        step();
+        LeaveKernel(frontEnd);
+        return !env->ExceptionCheck();
+    }
+
+    // The kernel's value as a Java object of the class its kind selects;
+    // only under the lock, since it asks the kernel.
+    jobject wrap(ALGEB value) const { return newAlgebraic(env, value, frontEnd); }
+
+    // A Java object of a fixed class; needs no lock.
+    jobject peer(ALGEB value, const char *className) const {
+        return newPeerObject(env, value, frontEnd, className);
+    }
+
+    bool readFrontEnd(jobject object, const char *message) {
+        frontEnd = getCallBackFrontEnd(env, object);
+        return frontEnd != nullptr || fail(env, message);
+    }
+};
+
+template <typename R>
+R zeroResult() {
+    if constexpr (!std::is_void_v<R>) return R{};
+}
+
+// Runs a native's steps; whatever they make is dropped if an exception is
+// pending at the end, so no meaningful value goes back with one.
+template <typename R, typename Steps>
+R finish(Call &call, Steps &&steps) {
+    if constexpr (std::is_void_v<R>) {
+        steps(call);
+    } else {
+        R result = steps(call);
+        return call.env->ExceptionCheck() ? R{} : result;
+    }
+}
+
+// The frame of an Engine method: the engine's record, then the steps.
+template <typename R, typename Steps>
+R engineMethod(JNIEnv *env, jobject engine, Steps &&steps) {
+    Call call{env};
+    if (!call.readFrontEnd(engine, "Engine is null, it may have been stopped.")) return zeroResult<R>();
+    return finish<R>(call, steps);
+}
+
+// The own-handle and missing-engine messages of a value method.
+struct Messages {
+    const char *self;
+    const char *frontEnd;
+};
+
+// The value-method frame: the receiver's handle, each argument's handle,
+// the engine's record, then the steps.
+template <typename R, typename Steps>
+R valueMethod(JNIEnv *env, jobject self, Messages messages, std::initializer_list<Arg> args, Steps &&steps) {
+    Call call{env};
+    if (!readDag(env, self, messages.self, call.self)) return zeroResult<R>();
+    int i = 0;
+    for (const Arg &arg : args)
+        if (!readDag(env, arg.object, arg.message, call.args[i++])) return zeroResult<R>();
+    if (!call.readFrontEnd(self, messages.frontEnd)) return zeroResult<R>();
+    return finish<R>(call, steps);
+}
+
+// A value method whose whole work is one kernel step in one lock bracket.
+template <typename R, typename Step>
+R valueOp(JNIEnv *env, jobject self, Messages messages, std::initializer_list<Arg> args, Step &&step) {
+    return valueMethod<R>(env, self, messages, args, [&](Call &call) {
+        if constexpr (std::is_void_v<R>) {
+            call.locked([&] { step(call); });
+        } else {
+            R result{};
+            call.locked([&] { result = step(call); });
+            return result;
+        }
+    });
+}
+
+}  // namespace ambrix
+
+#endif

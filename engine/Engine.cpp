@@ -1,0 +1,223 @@
+// The Engine natives: start, restart and stop the one kernel of the process,
+// evaluate statements, and build values directly. Help is in help.cpp.
+#include <atomic>
+#include <cstdlib>
+
+#include "engine.h"
+#include "text.h"
+
+using ambrix::Call;
+
+namespace {
+
+// Set by the first Engine.getKernel, whatever its outcome, and never cleared:
+// a process runs at most one kernel.
+std::atomic<int> engineCreated{0};
+
+void freeArgs(char **argv, jsize argc) {
+    if (argv == nullptr) return;
+    for (jsize i = 0; i < argc; i++) free(argv[i]);
+    free(argv);
+}
+
+// The start arguments as 8-bit strings on the C heap; false with an
+// exception pending. A null array counts as empty.
+bool narrowArgs(JNIEnv *env, jobjectArray args, jsize *argc, char ***argv) {
+    *argc = 0;
+    *argv = nullptr;
+    if (args == nullptr) return true;
+    jsize n = env->GetArrayLength(args);
+    if (env->ExceptionCheck()) return false;
+    if (n == 0) return true;
+    auto **vector = static_cast<char **>(calloc(static_cast<size_t>(n), sizeof(char *)));
+    if (vector == nullptr) {
+        ambrix::throwOutOfMemory(env, "Failed to allocate CallBackVector");
+        return false;
+    }
+    for (jsize i = 0; i < n; i++) {
+        auto arg = static_cast<jstring>(env->GetObjectArrayElement(args, i));
+        if (arg == nullptr) {
+            freeArgs(vector, i);
+            return ambrix::fail(env, "Argument is NULL");
+        }
+        jsize length = env->GetStringLength(arg);
+        const jchar *chars = env->GetStringChars(arg, nullptr);
+        vector[i] = chars == nullptr ? nullptr : static_cast<char *>(malloc(static_cast<size_t>(length) + 1));
+        if (vector[i] != nullptr) ambrix::narrowInto(vector[i], chars, length);
+        if (chars != nullptr) env->ReleaseStringChars(arg, chars);
+        env->DeleteLocalRef(arg);
+        if (vector[i] == nullptr) {
+            freeArgs(vector, i);
+            ambrix::throwOutOfMemory(env, "Failed to allocate CallBackVector");
+            return false;
+        }
+    }
+    *argc = n;
+    *argv = vector;
+    return true;
+}
+
+// Runs `make` under the lock and wraps its value in a `className` object
+// before the lock is released, so no collection can take the fresh value.
+template <typename Make>
+jobject makeValue(Call &call, const char *className, Make &&make) {
+    jobject result = nullptr;
+    call.locked([&] { result = call.peer(make(call.kv()), className); });
+    return result;
+}
+
+template <typename Make>
+jobject factory(JNIEnv *env, jobject engine, const char *className, Make &&make) {
+    return ambrix::engineMethod<jobject>(env, engine,
+                                         [&](Call &call) { return makeValue(call, className, make); });
+}
+
+template <typename Make>
+jobject stringFactory(JNIEnv *env, jobject engine, jstring s, const char *className, Make &&make) {
+    return ambrix::engineMethod<jobject>(env, engine, [&](Call &call) -> jobject {
+        char *text = ambrix::kernelText(call, s, "String is NULL");
+        if (text == nullptr) return nullptr;
+        return makeValue(call, className, [&](KernelVector kv) { return make(kv, text); });
+    });
+}
+
+}  // namespace
+
+namespace ambrix {
+
+char *kernelText(Call &call, jstring s, const char *nullMessage) {
+    JNIEnv *env = call.env;
+    if (s == nullptr) return fail(env, nullMessage), nullptr;
+    jsize n = env->GetStringLength(s);
+    const jchar *chars = env->GetStringChars(s, nullptr);
+    if (chars == nullptr) return nullptr;
+    char *text = nullptr;
+    if (call.locked([&] { text = static_cast<char *>(VexelAlloc(call.kv(), static_cast<size_t>(n) + 1)); })) {
+        if (text != nullptr)
+            narrowInto(text, chars, n);
+        else
+            throwOutOfMemory(env, "Failed to allocate CallBackVector");
+    }
+    env->ReleaseStringChars(s, chars);
+    return env->ExceptionCheck() ? nullptr : text;
+}
+
+}  // namespace ambrix
+
+extern "C" {
+
+JNIEXPORT jlong JNICALL Java_com_quorbit_ambrix_Engine_getKernel(JNIEnv *env, jobject, jobjectArray args,
+                                                                 jobject callBacks, jobject data) {
+    if (engineCreated.exchange(1) != 0) {
+        ThrowVexelException(env, "only one Engine may be created");
+        return 0;
+    }
+    CallBackFrontEnd *frontEnd = NewCallBackFrontEnd(env, callBacks, data);
+    if (frontEnd == nullptr) return 0;
+    CallBackVector *vector = NewVCallBackVector(env);
+    jsize argc = 0;
+    char **argv = nullptr;
+    if (vector == nullptr || !narrowArgs(env, args, &argc, &argv)) {
+        DeleteCallBackFrontEnd(frontEnd);
+        free(vector);
+        return 0;
+    }
+    // The kernel may call back during its start: the record's env is this
+    // thread's, and its kernel vector is still null.
+    char errorBuffer[2048] = "";
+    KernelVector kv = StartVexel(argc, argv, vector, frontEnd, nullptr, errorBuffer);
+    freeArgs(argv, argc);
+    if (kv == nullptr) {
+        DeleteCallBackFrontEnd(frontEnd);
+        free(vector);
+        ThrowVexelException(env, errorBuffer);
+        return 0;
+    }
+    frontEnd->kernelVector = kv;
+    frontEnd->liveAlgebStore = createLiveAlgebStore(env);
+    if (frontEnd->liveAlgebStore == nullptr) {
+        // Without a store there is no lock and no engine: stop the kernel,
+        // keeping the exception for the caller.
+        jthrowable failure = env->ExceptionOccurred();
+        env->ExceptionClear();
+        StopVexel(kv);
+        if (env->ExceptionCheck()) env->ExceptionClear();
+        if (failure != nullptr) env->Throw(failure);
+        return 0;
+    }
+    makeVexelPointer(frontEnd);
+    RegisterRestartCallBack(kv, restartCallBack);
+    // From here on env names the thread inside the kernel, and no thread is.
+    frontEnd->env = nullptr;
+    return reinterpret_cast<jlong>(frontEnd);
+}
+
+JNIEXPORT void JNICALL Java_com_quorbit_ambrix_Engine_restart(JNIEnv *env, jobject self) {
+    ambrix::engineMethod<void>(env, self, [](Call &call) {
+        call.locked([&] { EvalVexelStatement(call.kv(), "restart:"); });
+    });
+}
+
+JNIEXPORT void JNICALL Java_com_quorbit_ambrix_Engine_stop(JNIEnv *env, jobject self) {
+    ambrix::engineMethod<void>(env, self, [&](Call &call) {
+        call.locked([&] {
+            StopVexel(call.kv());
+            zeroCallBackFrontEnd(env, self);
+        });
+    });
+}
+
+void restartCallBack(void *data) { makeVexelPointer(static_cast<CallBackFrontEnd *>(data)); }
+
+JNIEXPORT jobject JNICALL Java_com_quorbit_ambrix_Engine_evaluate(JNIEnv *env, jobject self, jstring statement) {
+    return ambrix::engineMethod<jobject>(env, self, [&](Call &call) -> jobject {
+        if (statement == nullptr) return ambrix::fail(env, "Statement is NULL"), nullptr;
+        jsize n = env->GetStringLength(statement);
+        const jchar *chars = env->GetStringChars(statement, nullptr);
+        if (chars == nullptr) return nullptr;
+        auto *text = static_cast<char *>(malloc(static_cast<size_t>(n) + 1));
+        if (text != nullptr) ambrix::narrowInto(text, chars, n);
+        env->ReleaseStringChars(statement, chars);
+        if (text == nullptr) return ambrix::throwOutOfMemory(env, "Failed to allocate statement"), nullptr;
+        jobject result = nullptr;
+        call.locked([&] { result = call.wrap(EvalVexelStatement(call.kv(), text)); });
+        free(text);
+        return result;
+    });
+}
+
+JNIEXPORT jobject JNICALL Java_com_quorbit_ambrix_Engine_newTable(JNIEnv *env, jobject self) {
+    return factory(env, self, "com/quorbit/ambrix/Table", [](KernelVector kv) { return VexelTableAlloc(kv); });
+}
+
+JNIEXPORT jobject JNICALL Java_com_quorbit_ambrix_Engine_newExpseq(JNIEnv *env, jobject self, jint size) {
+    return factory(env, self, "com/quorbit/ambrix/Expseq",
+                   [=](KernelVector kv) { return NewVexelExpressionSequence(kv, size); });
+}
+
+JNIEXPORT jobject JNICALL Java_com_quorbit_ambrix_Engine_newList(JNIEnv *env, jobject self, jint size) {
+    return factory(env, self, "com/quorbit/ambrix/List",
+                   [=](KernelVector kv) { return VexelListAlloc(kv, static_cast<int64_t>(size)); });
+}
+
+JNIEXPORT jobject JNICALL Java_com_quorbit_ambrix_Engine_newNumeric__J(JNIEnv *env, jobject self, jlong value) {
+    return factory(env, self, "com/quorbit/ambrix/Numeric",
+                   [=](KernelVector kv) { return ToVexelInteger64(kv, value); });
+}
+
+JNIEXPORT jobject JNICALL Java_com_quorbit_ambrix_Engine_newNumeric__D(JNIEnv *env, jobject self, jdouble value) {
+    return factory(env, self, "com/quorbit/ambrix/Numeric", [=](KernelVector kv) { return ToVexelFloat(kv, value); });
+}
+
+JNIEXPORT jobject JNICALL Java_com_quorbit_ambrix_Engine_newName(JNIEnv *env, jobject self, jstring name,
+                                                                 jboolean global) {
+    return stringFactory(env, self, name, "com/quorbit/ambrix/Name",
+                         [=](KernelVector kv, char *text) { return ToVexelName(kv, text, global ? 1 : 0); });
+}
+
+JNIEXPORT jobject JNICALL Java_com_quorbit_ambrix_Engine_newVString(JNIEnv *env, jobject self, jstring text) {
+    return stringFactory(env, self, text, "com/quorbit/ambrix/VString",
+                         [](KernelVector kv, char *s) { return ToVexelString(kv, s); });
+}
+
+}  // extern "C"

@@ -1,0 +1,261 @@
+// The callback vector: the eight entry points through which the kernel
+// reaches the Java callbacks object. Each runs on the thread inside the
+// kernel call (the record's env) and hands a Java exception to
+// HandleException, whose raise unwinds out of the entry: so no entry holds
+// an object with a destructor, and every local reference is deleted before
+// the check that may raise.
+//
+// While a Java exception is pending (left by a throwing errorCallBack or an
+// unknown text tag), an entry runs no Java code and gives its neutral answer,
+// so the first exception is the one the Java caller sees.
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+
+#include "bridge.h"
+#include "text.h"
+
+namespace {
+
+// The answer given for "no text": the kernel must neither free nor modify it.
+char kEmptyText[1] = "";
+
+// The record's env when Java may be called now; null otherwise.
+JNIEnv *javaEnv(CallBackFrontEnd *frontEnd) {
+    JNIEnv *env = frontEnd->env;
+    return env == nullptr || env->ExceptionCheck() ? nullptr : env;
+}
+
+// Raises a pending exception in the kernel; true when one was pending.
+bool raised(JNIEnv *env, CallBackFrontEnd *frontEnd) { return HandleException(env, frontEnd->kernelVector) != 0; }
+
+template <typename... Refs>
+void drop(JNIEnv *env, Refs... refs) {
+    (env->DeleteLocalRef(refs), ...);
+}
+
+// Kernel text as a new Java string, or null with an exception pending. The
+// buffer is kernel memory; while the kernel is starting it may give none,
+// and the C heap serves instead.
+jstring toJava(JNIEnv *env, KernelVector kv, const char *text) {
+    if (text == nullptr) text = "";
+    size_t length = strlen(text);
+    jsize n = length > INT_MAX / 2 ? INT_MAX / 2 : static_cast<jsize>(length);
+    auto *buffer = static_cast<jchar *>(VexelAlloc(kv, 2 * static_cast<size_t>(n) + 2));
+    jchar *heap = nullptr;
+    if (buffer == nullptr) buffer = heap = static_cast<jchar *>(malloc(2 * static_cast<size_t>(n) + 2));
+    if (buffer == nullptr) {
+        ambrix::throwOutOfMemory(env, "Failed to allocate text for a callback");
+        return nullptr;
+    }
+    ambrix::widenInto(buffer, text, n);
+    buffer[n] = 0;
+    jstring s = env->NewString(buffer, n);
+    free(heap);
+    return s;
+}
+
+// A callback's answer as kernel text; a null or empty answer gives the
+// constant empty text, and null means the kernel gave no memory.
+char *fromJava(JNIEnv *env, KernelVector kv, jstring answer) {
+    if (answer == nullptr) return kEmptyText;
+    jsize n = env->GetStringLength(answer);
+    if (n == 0) return kEmptyText;
+    const jchar *chars = env->GetStringChars(answer, nullptr);
+    if (chars == nullptr) return kEmptyText;
+    auto *text = static_cast<char *>(VexelAlloc(kv, static_cast<size_t>(n) + 1));
+    if (text != nullptr) ambrix::narrowInto(text, chars, n);
+    env->ReleaseStringChars(answer, chars);
+    return text;
+}
+
+// The static field of the callbacks class that carries each kernel tag.
+const char *tagField(int tag) {
+    switch (tag) {
+        case 3: return "VEXEL_TEXT_OUTPUT";
+        case 1: return "VEXEL_TEXT_DIAG";
+        case 2: return "VEXEL_TEXT_MISC";
+        case 9: return "VEXEL_TEXT_HELP";
+        case 4: return "VEXEL_TEXT_QUIT";
+        case 5: return "VEXEL_TEXT_WARNING";
+        case 7: return "VEXEL_TEXT_STATUS";
+        case 10: return "VEXEL_TEXT_DEBUG";
+        default: return nullptr;
+    }
+}
+
+CallBackFrontEnd *record(void *data) { return static_cast<CallBackFrontEnd *>(data); }
+
+// The answer of a Java method that returns text, as kernel text; deletes the
+// answer's local reference.
+char *answerText(JNIEnv *env, CallBackFrontEnd *fe, jstring answer) {
+    if (raised(env, fe)) return kEmptyText;  // the method threw: there is no answer
+    char *text = fromJava(env, fe->kernelVector, answer);
+    drop(env, answer);
+    if (raised(env, fe)) return kEmptyText;
+    if (text == nullptr) {
+        VexelRaiseError(fe->kernelVector, "could not allocate the answer of a callback");
+        return kEmptyText;
+    }
+    return text;
+}
+
+void TextCallBack(void *data, int tag, const char *output) {
+    CallBackFrontEnd *fe = record(data);
+    JNIEnv *env = javaEnv(fe);
+    if (env == nullptr) return;
+    const char *field = tagField(tag);
+    if (field == nullptr) {
+        ThrowVexelException(env, "invalid tag for text callback");
+        return;
+    }
+    jclass cls = env->GetObjectClass(fe->callBackObject);
+    jfieldID id = cls == nullptr ? nullptr : env->GetStaticFieldID(cls, field, "I");
+    jint value = id == nullptr ? 0 : env->GetStaticIntField(cls, id);
+    drop(env, cls);
+    if (raised(env, fe)) return;
+    jstring s = toJava(env, fe->kernelVector, output);
+    if (raised(env, fe)) return;
+    env->CallVoidMethod(fe->callBackObject, fe->textCallBackID, fe->userData, value, s);
+    drop(env, s);
+    raised(env, fe);
+}
+
+void ErrorCallBack(void *data, int64_t offset, const char *msg) {
+    CallBackFrontEnd *fe = record(data);
+    JNIEnv *env = javaEnv(fe);
+    if (env == nullptr) return;
+    jstring s = toJava(env, fe->kernelVector, msg);
+    if (raised(env, fe)) return;
+    // An exception thrown here stays pending: it reaches the Java caller of
+    // the call that caused the error, instead of becoming a kernel error.
+    env->CallVoidMethod(fe->callBackObject, fe->errorCallBackID, fe->userData, static_cast<jint>(offset), s);
+    drop(env, s);
+}
+
+void StatusCallBack(void *data, int64_t kilobytesUsed, int64_t kilobytesAlloc, double cpuTime) {
+    CallBackFrontEnd *fe = record(data);
+    JNIEnv *env = javaEnv(fe);
+    if (env == nullptr) return;
+    env->CallVoidMethod(fe->callBackObject, fe->statusCallBackID, fe->userData, static_cast<jlong>(kilobytesUsed),
+                        static_cast<jlong>(kilobytesAlloc), cpuTime);
+    raised(env, fe);
+}
+
+char *ReadLineCallBack(void *data, int debug) {
+    CallBackFrontEnd *fe = record(data);
+    JNIEnv *env = javaEnv(fe);
+    if (env == nullptr) return kEmptyText;
+    auto line = static_cast<jstring>(env->CallObjectMethod(fe->callBackObject, fe->readLineCallBackID, fe->userData,
+                                                           static_cast<jboolean>(debug != 0)));
+    return answerText(env, fe, line);
+}
+
+int RedirectCallBack(void *data, const char *name, const char *mode) {
+    CallBackFrontEnd *fe = record(data);
+    JNIEnv *env = javaEnv(fe);
+    if (env == nullptr) return 0;
+    jstring s = nullptr;
+    bool append = false;
+    if (name != nullptr) {
+        s = toJava(env, fe->kernelVector, name);
+        if (raised(env, fe)) return 0;
+        append = mode != nullptr && mode[0] == 'a';
+    }
+    jboolean r = env->CallBooleanMethod(fe->callBackObject, fe->redirectCallBackID, fe->userData, s,
+                                        static_cast<jboolean>(append));
+    drop(env, s);
+    if (raised(env, fe)) return 0;
+    return r ? 1 : 0;
+}
+
+// The stream's arguments as a String[] (null for none), or null with an
+// exception pending.
+jobjectArray streamArgs(JNIEnv *env, KernelVector kv, int64_t count, char **args) {
+    jclass stringClass = env->FindClass("java/lang/String");
+    if (stringClass == nullptr || count <= 0) {
+        drop(env, stringClass);
+        return nullptr;
+    }
+    if (count > INT_MAX) {
+        drop(env, stringClass);
+        ambrix::throwOutOfMemory(env, "too many stream arguments");
+        return nullptr;
+    }
+    jstring first = toJava(env, kv, args[0]);
+    jobjectArray array =
+        first == nullptr ? nullptr : env->NewObjectArray(static_cast<jsize>(count), stringClass, first);
+    drop(env, first, stringClass);
+    for (jsize i = 1; array != nullptr && i < count; i++) {
+        jstring s = toJava(env, kv, args[i]);
+        if (s != nullptr) env->SetObjectArrayElement(array, i, s);
+        drop(env, s);
+        if (env->ExceptionCheck()) {
+            drop(env, array);
+            return nullptr;
+        }
+    }
+    return array;
+}
+
+char *StreamCallBack(void *data, const char *name, int64_t nargs, char **args) {
+    CallBackFrontEnd *fe = record(data);
+    JNIEnv *env = javaEnv(fe);
+    if (env == nullptr) return kEmptyText;
+    KernelVector kv = fe->kernelVector;
+    jstring s = toJava(env, kv, name);
+    jobjectArray array = s == nullptr ? nullptr : streamArgs(env, kv, nargs, args);
+    if (env->ExceptionCheck()) {
+        drop(env, s);
+        raised(env, fe);
+        return kEmptyText;
+    }
+    auto answer = static_cast<jstring>(
+        env->CallObjectMethod(fe->callBackObject, fe->streamCallBackID, fe->userData, s, array));
+    drop(env, s, array);
+    return answerText(env, fe, answer);
+}
+
+int QueryInterrupt(void *data) {
+    CallBackFrontEnd *fe = record(data);
+    JNIEnv *env = javaEnv(fe);
+    if (env == nullptr) return 0;
+    jboolean r = env->CallBooleanMethod(fe->callBackObject, fe->queryInterruptID, fe->userData);
+    if (raised(env, fe)) return 0;
+    return r == JNI_TRUE ? 1 : 0;
+}
+
+char *CallBackCallBack(void *data, const char *output) {
+    CallBackFrontEnd *fe = record(data);
+    JNIEnv *env = javaEnv(fe);
+    if (env == nullptr) return kEmptyText;
+    jstring s = toJava(env, fe->kernelVector, output);
+    if (raised(env, fe)) return kEmptyText;
+    auto answer =
+        static_cast<jstring>(env->CallObjectMethod(fe->callBackObject, fe->callBackCallBackID, fe->userData, s));
+    drop(env, s);
+    return answerText(env, fe, answer);
+}
+
+}  // namespace
+
+extern "C" {
+
+CallBackVector *NewVCallBackVector(JNIEnv *env) {
+    auto *vector = static_cast<CallBackVector *>(malloc(sizeof(CallBackVector)));
+    if (vector == nullptr) {
+        ambrix::throwOutOfMemory(env, "Failed to allocate CallBackVector");
+        return nullptr;
+    }
+    vector->textCallBack = TextCallBack;
+    vector->errorCallBack = ErrorCallBack;
+    vector->statusCallBack = StatusCallBack;
+    vector->readLineCallBack = ReadLineCallBack;
+    vector->redirectCallBack = RedirectCallBack;
+    vector->streamCallBack = StreamCallBack;
+    vector->queryInterrupt = QueryInterrupt;
+    vector->callBackCallBack = CallBackCallBack;
+    return vector;
+}
+
+}  // extern "C"

@@ -1,0 +1,128 @@
+// Engine.getHelp: the kernel streams a topic's help text, character by
+// character with attribute changes, to a Java help callbacks object.
+//
+// The two help callbacks run inside VexelHelp and may be unwound by a kernel
+// error: they hold no object with a destructor.
+#include "engine.h"
+
+using ambrix::Call;
+
+namespace {
+
+// Lives on the stack of getHelp for the duration of its kernel call.
+struct HelpCallBackData {
+    CallBackFrontEnd *frontEnd;
+    jobject helpCallBacks;
+    jobject data;
+    jmethodID writeChar;
+    jmethodID writeAttrib;
+};
+
+struct Section {
+    const char *field;
+    const char *keyword;
+};
+
+// The first field whose value equals the caller's section decides.
+const Section kSections[] = {
+    {"VEXEL_HELP_ALL", ""},
+    {"VEXEL_HELP_USAGE", "usage"},
+    {"VEXEL_HELP_DESCRIPTION", "info"},
+    {"VEXEL_HELP_EXAMPLES", "examples"},
+    {"VEXEL_HELP_SEEALSO", "seealso"},
+};
+
+const char *attributeField(int attribute) {
+    switch (attribute) {
+        case 0: return "VEXEL_ATTRIB_NORMAL";
+        case 1: return "VEXEL_ATTRIB_ITAL";
+        case 3: return "VEXEL_ATTRIB_BOLD";
+        case 4: return "VEXEL_ATTRIB_UNDER";
+        default: return nullptr;
+    }
+}
+
+// The record's env when Java may be called now; a pending exception (a
+// callback threw) stops the output.
+JNIEnv *javaEnv(const HelpCallBackData *help) {
+    JNIEnv *env = help->frontEnd->env;
+    return env == nullptr || env->ExceptionCheck() ? nullptr : env;
+}
+
+// 1 asks the kernel to stop the output.
+int answer(JNIEnv *env, jboolean stop) { return env->ExceptionCheck() || stop ? 1 : 0; }
+
+int WriteCharCallBack(void *data, int c) {
+    auto *help = static_cast<HelpCallBackData *>(data);
+    JNIEnv *env = javaEnv(help);
+    if (env == nullptr) return 1;
+    return answer(env, env->CallBooleanMethod(help->helpCallBacks, help->writeChar, help->data, static_cast<jint>(c)));
+}
+
+int WriteAttribCallBack(void *data, int attribute) {
+    auto *help = static_cast<HelpCallBackData *>(data);
+    KernelVector kv = help->frontEnd->kernelVector;
+    const char *field = attributeField(attribute);
+    if (field == nullptr) {
+        VexelRaiseError1(kv, "illegal attribute option: %1", ToVexelInteger(kv, attribute));
+        return 0;
+    }
+    JNIEnv *env = javaEnv(help);
+    if (env == nullptr) return 1;
+    jclass cls = env->GetObjectClass(help->helpCallBacks);
+    jfieldID id = cls == nullptr ? nullptr : env->GetStaticFieldID(cls, field, "I");
+    jint value = id == nullptr ? 0 : env->GetStaticIntField(cls, id);
+    env->DeleteLocalRef(cls);
+    if (env->ExceptionCheck()) return 1;
+    return answer(env, env->CallBooleanMethod(help->helpCallBacks, help->writeAttrib, help->data, value));
+}
+
+// The kernel's keyword for a section, or null with an exception pending.
+const char *sectionKeyword(JNIEnv *env, jobject engine, jint section) {
+    jclass cls = env->GetObjectClass(engine);
+    const char *keyword = nullptr;
+    for (const Section &candidate : kSections) {
+        jfieldID id = env->GetStaticFieldID(cls, candidate.field, "I");
+        if (id == nullptr) break;
+        if (env->GetStaticIntField(cls, id) == section) {
+            keyword = candidate.keyword;
+            break;
+        }
+    }
+    env->DeleteLocalRef(cls);
+    if (keyword == nullptr) ambrix::fail(env, "invalid section specified");
+    return keyword;
+}
+
+// Finds the two help methods; false with an exception pending.
+bool helpMethods(JNIEnv *env, HelpCallBackData &help) {
+    if (help.helpCallBacks == nullptr) return ambrix::fail(env, "HelpCallBacks is NULL");
+    jclass cls = env->GetObjectClass(help.helpCallBacks);
+    if (cls == nullptr) return false;
+    help.writeChar = env->GetMethodID(cls, "writeChar", "(Ljava/lang/Object;I)Z");
+    if (help.writeChar != nullptr) help.writeAttrib = env->GetMethodID(cls, "writeAttrib", "(Ljava/lang/Object;I)Z");
+    env->DeleteLocalRef(cls);
+    return !env->ExceptionCheck();
+}
+
+}  // namespace
+
+extern "C" JNIEXPORT void JNICALL Java_com_quorbit_ambrix_Engine_getHelp(JNIEnv *env, jobject self, jstring topic,
+                                                                        jint section, jobject helpCallBacks,
+                                                                        jint width, jobject data) {
+    ambrix::engineMethod<void>(env, self, [&](Call &call) {
+        char *topicText = ambrix::kernelText(call, topic, "Topic is NULL");
+        if (topicText == nullptr) return;
+        const char *keyword = sectionKeyword(env, self, section);
+        if (keyword == nullptr) return;
+        HelpCallBackData help{call.frontEnd, helpCallBacks, data, nullptr, nullptr};
+        if (!helpMethods(env, help)) return;
+        char *message = nullptr;
+        if (!call.locked([&] {
+                message = VexelHelp(call.kv(), topicText, keyword, WriteCharCallBack, WriteAttribCallBack, width,
+                                    &help);
+            }))
+            return;
+        if (message != nullptr) ThrowVexelException(env, message);
+    });
+}
