@@ -25,7 +25,8 @@ bool failed(JNIEnv *env, const char *message) {
 
 // A pass runs with no exception pending: one left by an earlier step of the
 // kernel call is set aside and thrown again afterwards, so that it stays the
-// one the caller sees and the pass still does its whole work.
+// one the caller sees (over any failure of the pass) and the pass still does
+// its whole work.
 jthrowable setAside(JNIEnv *env) {
     jthrowable pending = env->ExceptionOccurred();
     if (pending != nullptr) env->ExceptionClear();
@@ -46,13 +47,13 @@ jobjectArray readKeys(JNIEnv *env, jobject store, jclass *storeClass) {
     jmethodID keySet = env->GetMethodID(*storeClass, "keySet", "()Ljava/util/Set;");
     if (keySet == nullptr) return failed(env, "could not get keySet method for java.util.WeakHashMap"), nullptr;
     jobject set = env->CallObjectMethod(store, keySet);
-    if (set == nullptr) return failed(env, "error calling keySet method for java.util.WeakHashMap"), nullptr;
+    if (env->ExceptionCheck() || set == nullptr) return failed(env, "error calling keySet method for java.util.WeakHashMap"), nullptr;
     jclass setClass = env->GetObjectClass(set);
     if (setClass == nullptr) return failed(env, "could not find class of returned object"), nullptr;
     jmethodID toArray = env->GetMethodID(setClass, "toArray", "()[Ljava/lang/Object;");
     if (toArray == nullptr) return failed(env, "could not get toArray method"), nullptr;
     jobject keys = env->CallObjectMethod(set, toArray);
-    if (keys == nullptr) return failed(env, "error calling toArray method"), nullptr;
+    if (env->ExceptionCheck() || keys == nullptr) return failed(env, "error calling toArray method"), nullptr;
     return static_cast<jobjectArray>(keys);
 }
 
@@ -116,14 +117,11 @@ void disposeKeys(JNIEnv *env, CallBackFrontEnd *frontEnd) {
     if (!env->ExceptionCheck() && missing) failed(env, "could not access Element");
 }
 
-// Runs one pass inside a local frame, with any pending exception set aside.
+// Runs one pass inside a local frame; a pass that stops early still pops it.
 void runPass(JNIEnv *env, CallBackFrontEnd *frontEnd, void (*pass)(JNIEnv *, CallBackFrontEnd *)) {
-    jthrowable aside = setAside(env);
-    if (env->PushLocalFrame(20) == 0) {
-        pass(env, frontEnd);
-        env->PopLocalFrame(nullptr);
-    }
-    throwAgain(env, aside);
+    if (env->PushLocalFrame(20) != 0) return;
+    pass(env, frontEnd);
+    env->PopLocalFrame(nullptr);
 }
 
 CallBackFrontEnd *storeOwner(ALGEB storePointer) {
@@ -134,9 +132,11 @@ void markLiveAlgebStore(ALGEB storePointer) {
     CallBackFrontEnd *frontEnd = storeOwner(storePointer);
     // Java is reached only through a thread inside a kernel call.
     if (frontEnd == nullptr || frontEnd->env == nullptr) return;
+    jthrowable aside = setAside(frontEnd->env);
     JavaVM *vm = nullptr;
     if (frontEnd->env->GetJavaVM(&vm) != 0) {
         printf("crap\n");
+        throwAgain(frontEnd->env, aside);
         return;
     }
     // The collector runs on a thread that may not be Java's: attach it for
@@ -153,12 +153,15 @@ void markLiveAlgebStore(ALGEB storePointer) {
     }
     runPass(env, frontEnd, markKeys);
     if (attached) vm->DetachCurrentThread();
+    throwAgain(frontEnd->env, aside);
 }
 
 void disposeLiveAlgebStore(ALGEB storePointer) {
     CallBackFrontEnd *frontEnd = storeOwner(storePointer);
     if (frontEnd == nullptr || frontEnd->env == nullptr) return;
+    jthrowable aside = setAside(frontEnd->env);
     runPass(frontEnd->env, frontEnd, disposeKeys);
+    throwAgain(frontEnd->env, aside);
 }
 
 // put or remove on the store, under the store's monitor so that it cannot

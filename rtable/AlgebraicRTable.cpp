@@ -1,0 +1,18 @@
+// The natives of AlgebraicRTable: elements that are any kernel value.
+#include "element.h"
+
+extern "C" {
+
+JNIEXPORT void JNICALL Java_com_quorbit_ambrix_AlgebraicRTable_assign(JNIEnv *env, jobject self, jintArray index,
+                                                                      jobject value) {
+    ambrix::assignElement(env, self, {{value, "Value is NULL"}}, index, ambrix::handleElement);
+}
+
+// The element is wrapped, as the class its kind selects, before the lock is
+// released.
+JNIEXPORT jobject JNICALL Java_com_quorbit_ambrix_AlgebraicRTable_select(JNIEnv *env, jobject self, jintArray index) {
+    return ambrix::selectElement<jobject>(
+        env, self, index, [](ambrix::Call &call, RTableElement element) { return call.wrap(element.dag); });
+}
+
+}  // extern "C"

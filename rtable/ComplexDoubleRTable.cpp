@@ -1,0 +1,62 @@
+// The natives of ComplexDoubleRTable: elements that are pairs of doubles,
+// real part first, read whole or one part at a time.
+#include "element.h"
+
+using ambrix::Call;
+
+namespace {
+
+constexpr const char *kClass = "com/quorbit/ambrix/ComplexDoubleRTable";
+
+VexelComplex64 pairOf(Call &, RTableElement element) { return element.complex64; }
+
+}  // namespace
+
+extern "C" {
+
+JNIEXPORT void JNICALL Java_com_quorbit_ambrix_ComplexDoubleRTable_assign(JNIEnv *env, jobject self, jintArray index,
+                                                                          jdouble re, jdouble im) {
+    ambrix::assignElement(env, self, {}, index, [=](Call &) {
+        RTableElement element{};
+        element.complex64 = {re, im};
+        return element;
+    });
+}
+
+// A new double[2] on each call, made after the lock is released.
+JNIEXPORT jdoubleArray JNICALL Java_com_quorbit_ambrix_ComplexDoubleRTable_select(JNIEnv *env, jobject self,
+                                                                                  jintArray index) {
+    VexelComplex64 pair = ambrix::selectElement<VexelComplex64>(env, self, index, pairOf);
+    if (env->ExceptionCheck()) return nullptr;
+    jdoubleArray array = env->NewDoubleArray(2);
+    if (array == nullptr) return nullptr;
+    jdouble *elements = env->GetDoubleArrayElements(array, nullptr);
+    if (elements == nullptr) return nullptr;
+    elements[0] = pair.re;
+    elements[1] = pair.im;
+    env->ReleaseDoubleArrayElements(array, elements, 0);
+    return env->ExceptionCheck() ? nullptr : array;
+}
+
+// The parts: 0.0 with the exception pending whenever the element is not read.
+JNIEXPORT jdouble JNICALL Java_com_quorbit_ambrix_ComplexDoubleRTable_selectReal(JNIEnv *env, jobject self,
+                                                                                 jintArray index) {
+    return ambrix::selectElement<VexelComplex64>(env, self, index, pairOf).re;
+}
+
+JNIEXPORT jdouble JNICALL Java_com_quorbit_ambrix_ComplexDoubleRTable_selectImaginary(JNIEnv *env, jobject self,
+                                                                                      jintArray index) {
+    return ambrix::selectElement<VexelComplex64>(env, self, index, pairOf).im;
+}
+
+// The parts' tables are always ComplexDoubleRTable objects: the kernel is
+// not asked for their kind.
+JNIEXPORT jobject JNICALL Java_com_quorbit_ambrix_ComplexDoubleRTable_copyReal(JNIEnv *env, jobject self) {
+    return ambrix::copyTable(env, self, RTableCopyRealPart, kClass);
+}
+
+JNIEXPORT jobject JNICALL Java_com_quorbit_ambrix_ComplexDoubleRTable_copyImaginary(JNIEnv *env, jobject self) {
+    return ambrix::copyTable(env, self, RTableCopyImPart, kClass);
+}
+
+}  // extern "C"

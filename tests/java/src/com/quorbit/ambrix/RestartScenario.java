@@ -1,0 +1,29 @@
+package com.quorbit.ambrix;
+
+import static com.quorbit.ambrix.Checks.assertVexel;
+import static org.junit.jupiter.api.Assertions.assertEquals;
+
+import org.junit.jupiter.api.Test;
+
+/** A restart disposes every registered wrapper; values made after it are protected again. */
+class RestartScenario {
+    @Test
+    void restartDisposesAndProtectsAnew() {
+        RecordingCallBacks callBacks = new RecordingCallBacks();
+        Engine engine = new Engine(new String[] {"-q"}, callBacks, null);
+        engine.evaluate("named := 5:");
+        Algebraic before = engine.evaluate("[\"before\"];");
+        Name name = engine.newName("named", true);
+        for (int round = 0; round < 3; round++) {
+            engine.restart();
+            assertEquals(0, before.dag);
+            assertVexel("this Algebraic has been disposed", before::toString);
+            assertVexel("this Algebraic has been disposed", name::isAssigned);
+            assertEquals("named", engine.evaluate("named;").toString());
+            Algebraic after = engine.evaluate("[\"after\", " + round + "];");
+            engine.evaluate("gc(): gc(): gc():");
+            assertEquals("[\"after\", " + round + "]", after.toString());
+            before = after;
+        }
+    }
+}

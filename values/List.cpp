@@ -1,0 +1,5 @@
+// The natives of List: assign(int, Algebraic), select(int) and length().
+// Elements are numbered from 1, as the kernel numbers them.
+#include "values.h"
+
+AMBRIX_SEQUENCE_NATIVES(List, "List is NULL", VexelListAssign, VexelListSelect)

@@ -1,0 +1,98 @@
+// The natives of Procedure: calling a kernel procedure on an expression
+// sequence, on an array of values, or numerically on an array of doubles.
+// The procedure's handle and the engine come first; the arguments after.
+#include <vector>
+
+#include "values.h"
+
+using ambrix::Call;
+
+namespace {
+
+constexpr ambrix::Messages kProcedure{"Procedure is NULL", "CallBackFrontEnd is NULL"};
+
+// One bracket: `arguments` makes the argument sequence, the procedure runs
+// on it, and its result is wrapped, all before the lock is released.
+template <typename Arguments>
+jobject callProcedure(Call &call, Arguments &&arguments) {
+    jobject result = nullptr;
+    call.locked([&] {
+        ALGEB sequence = arguments(call.kv());
+        if (!ambrix::pending(call)) result = call.wrap(EvalVexelProcedure(call.kv(), call.self, sequence));
+    });
+    return result;
+}
+
+// The handles of the array's elements, read before the lock is taken; false
+// with an exception pending. A null array has no elements.
+bool readHandles(JNIEnv *env, jobjectArray array, std::vector<ALGEB> &handles) {
+    jsize n = array == nullptr ? 0 : env->GetArrayLength(array);
+    handles.assign(static_cast<size_t>(n), nullptr);
+    for (jsize i = 0; i < n; i++) {
+        jobject element = env->GetObjectArrayElement(array, i);
+        if (env->ExceptionCheck()) return false;
+        bool read = ambrix::readDag(env, element, "Argument is NULL", handles[static_cast<size_t>(i)]);
+        env->DeleteLocalRef(element);
+        if (!read) return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+extern "C" {
+
+// A null sequence calls the procedure with no arguments.
+JNIEXPORT jobject JNICALL Java_com_quorbit_ambrix_Procedure_execute__Lcom_quorbit_ambrix_Expseq_2(JNIEnv *env,
+                                                                                                  jobject self,
+                                                                                                  jobject args) {
+    return ambrix::valueMethod<jobject>(env, self, kProcedure, {}, [&](Call &call) -> jobject {
+        ALGEB sequence = nullptr;
+        if (args != nullptr && !ambrix::readDag(env, args, "Args is NULL", sequence)) return nullptr;
+        return callProcedure(call, [&](KernelVector kv) { return args == nullptr ? ToVexelNULL(kv) : sequence; });
+    });
+}
+
+// Java element i is kernel element i + 1. The sequence is built and used in
+// one bracket, so no collection can take it half-built.
+JNIEXPORT jobject JNICALL Java_com_quorbit_ambrix_Procedure_execute___3Lcom_quorbit_ambrix_Algebraic_2(
+    JNIEnv *env, jobject self, jobjectArray args) {
+    return ambrix::valueMethod<jobject>(env, self, kProcedure, {}, [&](Call &call) -> jobject {
+        std::vector<ALGEB> handles;
+        if (!readHandles(env, args, handles)) return nullptr;
+        return callProcedure(call, [&](KernelVector kv) -> ALGEB {
+            if (handles.empty()) return ToVexelNULL(kv);
+            ALGEB sequence = NewVexelExpressionSequence(kv, static_cast<int>(handles.size()));
+            for (size_t i = 0; i < handles.size() && !ambrix::pending(call); i++)
+                VexelExpseqAssign(kv, sequence, static_cast<int64_t>(i) + 1, handles[i]);
+            return sequence;
+        });
+    });
+}
+
+// The kernel reads the n arguments from slots 1 to n of a kernel buffer
+// (slot 0 holds 0.0); no arguments means a count of 0 and no buffer. The
+// Java doubles are read before the lock; the buffer lives in one bracket
+// from its allocation to the evaluation.
+JNIEXPORT jdouble JNICALL Java_com_quorbit_ambrix_Procedure_executehf(JNIEnv *env, jobject self, jdoubleArray args) {
+    return ambrix::valueMethod<jdouble>(env, self, kProcedure, {}, [&](Call &call) -> jdouble {
+        jsize n = args == nullptr ? 0 : env->GetArrayLength(args);
+        jdouble *elements = nullptr;
+        if (n > 0 && (elements = env->GetDoubleArrayElements(args, nullptr)) == nullptr) return 0.0;
+        jdouble result = 0.0;
+        call.locked([&] {
+            double *buffer = nullptr;
+            if (n > 0) {
+                buffer = static_cast<double *>(VexelAlloc(call.kv(), sizeof(double) * (static_cast<size_t>(n) + 1)));
+                if (buffer == nullptr || ambrix::pending(call)) return;
+                buffer[0] = 0.0;
+                for (jsize i = 0; i < n; i++) buffer[i + 1] = elements[i];
+            }
+            result = EvalhfVexelProc(call.kv(), call.self, n, buffer);
+        });
+        if (elements != nullptr) env->ReleaseDoubleArrayElements(args, elements, 0);
+        return result;
+    });
+}
+
+}  // extern "C"
