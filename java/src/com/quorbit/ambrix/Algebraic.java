@@ -1,0 +1,125 @@
+package com.quorbit.ambrix;
+
+/**
+ * A kernel value, held from Java.
+ *
+ * <p>Values are obtained from an {@link Engine} ({@link Engine#evaluate} and
+ * the factory methods) and from other values; the kernel's kind of value
+ * decides the class: {@link Numeric}, {@link ComplexNumeric}, {@link Name},
+ * {@link Table}, {@link List}, {@link Procedure}, {@link Expseq},
+ * {@link VString}, {@link RTable} and its typed subclasses, or plain
+ * {@code Algebraic} for every other value (such as {@code x + 1}).
+ *
+ * <p>The kernel keeps a value alive for as long as Java can reach an object
+ * that holds it. After {@link Engine#restart()} every object obtained before
+ * is disposed: its methods throw
+ * {@link com.quorbit.externalcall.VexelException} "this Algebraic has been
+ * disposed". Each call that returns a value makes a new Java object, so two
+ * objects may hold the same kernel value; objects are equal only to
+ * themselves.
+ */
+public class Algebraic {
+    /** The kernel value handle; 0 once disposed. Read and written by the native library. */
+    long dag;
+    /** The engine's native record. Read by the native library. */
+    long kernelID;
+
+    /** Wraps a kernel value; called by the native library (signature "(JJ)V"). */
+    Algebraic(long dag, long kernelID) {
+        this.dag = dag;
+        this.kernelID = kernelID;
+        addToLiveAlgebStore();
+    }
+
+    /**
+     * Compares by identity: each object is equal only to itself.
+     * (The engine keeps its objects in a weak identity set.)
+     */
+    @Override
+    public final boolean equals(Object o) {
+        return this == o;
+    }
+
+    /** The identity hash code. */
+    @Override
+    public final int hashCode() {
+        return System.identityHashCode(this);
+    }
+
+    /**
+     * Returns the kernel's printed form of the value, such as {@code 2+3*I},
+     * {@code [1, 2]} or {@code "abc"} (strings keep their quotes).
+     */
+    @Override
+    public native String toString();
+
+    /**
+     * Evaluates the value in the kernel (names are replaced by their values).
+     *
+     * @return the result, or null if it has no value
+     */
+    public native Algebraic eval();
+
+    /**
+     * Returns the value unevaluated, as if quoted.
+     *
+     * @return the quoted value
+     */
+    public native Algebraic uneval();
+
+    /**
+     * Evaluates the value numerically, in hardware floating point.
+     *
+     * @return the result
+     */
+    public native double evalhf();
+
+    /**
+     * Returns the kernel's unique instance of an equal value: this very
+     * object if it holds that instance already, otherwise a new object.
+     *
+     * @return the unique instance
+     */
+    public native Algebraic unique();
+
+    /**
+     * Tests for the empty expression sequence, {@code NULL}.
+     *
+     * @return true for {@code NULL}
+     */
+    public native boolean isNULL();
+
+    /**
+     * Tests for a pointer value.
+     *
+     * @return true for a pointer value
+     */
+    public native boolean isPointer();
+
+    /**
+     * Tests for a pointer value that holds the null pointer.
+     *
+     * @return true for a null pointer value
+     */
+    public native boolean isPointerNULL();
+
+    /**
+     * Tests for a set, such as {@code {1, 2}}.
+     *
+     * @return true for a set
+     */
+    public native boolean isSet();
+
+    /**
+     * Tests for the value of {@code quit}, {@code done} or {@code stop}.
+     *
+     * @return true for a stop value
+     */
+    public native boolean isStop();
+
+    /** Registers this object so the kernel keeps its value alive. */
+    native void addToLiveAlgebStore();
+
+    /** Withdraws the registration made by {@link #addToLiveAlgebStore()}. */
+    native void removeFromLiveAlgebStore();
+}

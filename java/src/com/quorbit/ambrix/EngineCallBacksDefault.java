@@ -1,0 +1,87 @@
+package com.quorbit.ambrix;
+
+import com.quorbit.externalcall.VexelException;
+import java.io.BufferedReader;
+import java.io.IOException;
+import java.io.InputStreamReader;
+import java.io.UncheckedIOException;
+import java.nio.charset.Charset;
+import java.util.Locale;
+
+/**
+ * Callbacks for a simple console program.
+ *
+ * <p>Text goes to {@code System.out}, one line per piece; a kernel error
+ * becomes a {@link VexelException} carrying the kernel's message, thrown from
+ * the Java call that caused it; input lines come from {@code System.in}. No
+ * redirection, no interrupts, no streams. Extend it to change single methods.
+ */
+public class EngineCallBacksDefault implements EngineCallBacks {
+    private BufferedReader in;
+
+    /** Makes the default callbacks. */
+    public EngineCallBacksDefault() {
+    }
+
+    /** Prints the text as one line on {@code System.out}. */
+    @Override
+    public void textCallBack(Object data, int tag, String output) {
+        System.out.println(output);
+    }
+
+    /**
+     * Throws a {@link VexelException} with the kernel's message, so that the
+     * kernel call that failed throws it in Java.
+     */
+    @Override
+    public void errorCallBack(Object data, int offset, String message) {
+        throw new VexelException(message);
+    }
+
+    /** Prints a one-line summary on {@code System.out}. */
+    @Override
+    public void statusCallBack(Object data, long kilobytesUsed, long kilobytesAlloc, double cpuTime) {
+        System.out.println(String.format(Locale.ROOT, "memory used=%dK, alloc=%dK, time=%.2fs",
+                kilobytesUsed, kilobytesAlloc, cpuTime));
+    }
+
+    /** Reads a line from {@code System.in}; at the end of input the empty line. */
+    @Override
+    public String readLineCallBack(Object data, boolean debug) {
+        try {
+            synchronized (this) {
+                if (in == null) {
+                    in = new BufferedReader(new InputStreamReader(System.in, Charset.defaultCharset()));
+                }
+            }
+            String line = in.readLine();
+            return line == null ? "" : line;
+        } catch (IOException e) {
+            throw new UncheckedIOException(e);
+        }
+    }
+
+    /** Refuses every redirection. */
+    @Override
+    public boolean redirectCallBack(Object data, String name, boolean append) {
+        return false;
+    }
+
+    /** Answers with the text it was given. */
+    @Override
+    public String callBackCallBack(Object data, String output) {
+        return output;
+    }
+
+    /** Never interrupts. */
+    @Override
+    public boolean queryInterrupt(Object data) {
+        return false;
+    }
+
+    /** Knows no streams: answers null. */
+    @Override
+    public String streamCallBack(Object data, String name, String[] args) {
+        return null;
+    }
+}

@@ -1,0 +1,35 @@
+package com.quorbit.ambrix;
+
+/**
+ * A kernel expression sequence, such as {@code 1, 2, 3}; the empty one is
+ * {@code NULL}. Elements are numbered from 1.
+ */
+public class Expseq extends Algebraic {
+    /** Wraps a kernel value; called by the native library (signature "(JJ)V"). */
+    Expseq(long dag, long kernelID) {
+        super(dag, kernelID);
+    }
+
+    /**
+     * Sets one element.
+     *
+     * @param index the element number, from 1
+     * @param value the value
+     */
+    public native void assign(int index, Algebraic value);
+
+    /**
+     * Returns one element.
+     *
+     * @param index the element number, from 1
+     * @return the element
+     */
+    public native Algebraic select(int index);
+
+    /**
+     * Returns the number of elements.
+     *
+     * @return the length
+     */
+    public native int length();
+}

@@ -1,0 +1,32 @@
+package com.quorbit.ambrix;
+
+/** A kernel list, such as {@code [1, 2, 3]}. Elements are numbered from 1. */
+public class List extends Algebraic {
+    /** Wraps a kernel value; called by the native library (signature "(JJ)V"). */
+    List(long dag, long kernelID) {
+        super(dag, kernelID);
+    }
+
+    /**
+     * Sets one element.
+     *
+     * @param index the element number, from 1
+     * @param value the value
+     */
+    public native void assign(int index, Algebraic value);
+
+    /**
+     * Returns one element.
+     *
+     * @param index the element number, from 1
+     * @return the element
+     */
+    public native Algebraic select(int index);
+
+    /**
+     * Returns the number of elements.
+     *
+     * @return the length
+     */
+    public native int length();
+}

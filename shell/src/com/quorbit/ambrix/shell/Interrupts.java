@@ -1,0 +1,85 @@
+package com.quorbit.ambrix.shell;
+
+import java.util.concurrent.atomic.AtomicBoolean;
+import java.util.concurrent.atomic.AtomicInteger;
+
+/**
+ * What Ctrl-C does, by what the shell is doing at the moment.
+ *
+ * <ul>
+ * <li>Waiting at the prompt, or for a line for the kernel's {@code readline()}:
+ * the waiting read is woken with {@link InputLines#INTERRUPT}.
+ * <li>Running a statement: a flag is set that the kernel reads through
+ * {@code queryInterrupt}, and the kernel stops with "computation interrupted".
+ * If the kernel does not ask (a long computation without a loop), the third
+ * Ctrl-C in a row ends the program.
+ * </ul>
+ */
+final class Interrupts {
+    enum Mode { PROMPT, RUNNING, READING }
+
+    private static final int PRESSES_TO_EXIT = 3;
+
+    private final InputLines input;
+    private final AtomicBoolean requested = new AtomicBoolean();
+    private final AtomicInteger unanswered = new AtomicInteger();
+    private volatile Mode mode = Mode.PROMPT;
+    private volatile boolean any;
+
+    Interrupts(InputLines input) {
+        this.input = input;
+    }
+
+    /** Installs the handler of SIGINT; false when the JVM does not allow it. */
+    boolean install() {
+        try {
+            sun.misc.Signal.handle(new sun.misc.Signal("INT"), signal -> signalled());
+            return true;
+        } catch (IllegalArgumentException e) {
+            return false;
+        }
+    }
+
+    /** Called on every SIGINT (on the JVM's signal thread). */
+    void signalled() {
+        any = true;
+        switch (mode) {
+            case PROMPT, READING -> input.interrupt();
+            case RUNNING -> {
+                requested.set(true);
+                if (unanswered.incrementAndGet() >= PRESSES_TO_EXIT) {
+                    System.out.flush();
+                    System.err.println();
+                    System.err.println("vexel: the kernel does not respond to interrupts; exiting");
+                    Runtime.getRuntime().halt(130);
+                }
+            }
+        }
+    }
+
+    /** The answer to the kernel's interrupt query; clears the request. */
+    boolean poll() {
+        unanswered.set(0);
+        return requested.getAndSet(false);
+    }
+
+    /** Enters a mode; entering {@link Mode#RUNNING} forgets old requests. */
+    void enter(Mode m) {
+        if (m == Mode.RUNNING && mode == Mode.PROMPT) {
+            requested.set(false);
+            unanswered.set(0);
+        }
+        mode = m;
+    }
+
+    Mode mode() {
+        return mode;
+    }
+
+    /** True if any Ctrl-C arrived since the last call. */
+    boolean takeAny() {
+        boolean a = any;
+        any = false;
+        return a;
+    }
+}

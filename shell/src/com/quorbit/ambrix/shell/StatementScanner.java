@@ -1,0 +1,210 @@
+package com.quorbit.ambrix.shell;
+
+import java.util.ArrayList;
+
+/**
+ * Splits input lines into complete statements.
+ *
+ * <p>A statement ends with {@code ;} or {@code :} (but not the {@code :} of
+ * {@code :=}) at nesting depth 0: outside string literals {@code "..."},
+ * quotes {@code '...'}, back-quoted names, comments ({@code #} to the end of
+ * the line), brackets, and blocks opened by {@code proc}, {@code if} or
+ * {@code do} and closed by {@code end} (with its optional {@code end proc},
+ * {@code end if}, {@code end do}). So a {@code ;} inside a procedure body does
+ * not end the input. Unbalanced closers count as depth 0, so that a stray
+ * {@code end} or {@code )} still lets the statement through to the kernel,
+ * which reports it.
+ */
+final class StatementScanner {
+    /** One complete statement and the input line it starts on (from 1). */
+    record Statement(String text, int line) {
+    }
+
+    private final StringBuilder pending = new StringBuilder();
+    /** Line number of the first line in {@code pending}. */
+    private int pendingLine = 1;
+    /** Line number of the next line to be added. */
+    private int nextLine = 1;
+
+    /**
+     * Adds one line of input.
+     *
+     * @param line the line, without its terminator
+     * @return the statements completed by this line, in order, leading white
+     *         space removed
+     */
+    java.util.List<Statement> addLine(String line) {
+        if (pending.length() == 0) {
+            pendingLine = nextLine;
+        } else {
+            pending.append('\n');
+        }
+        pending.append(line);
+        nextLine++;
+        return scan();
+    }
+
+    /** True when no partial statement is waiting for more lines. */
+    boolean isEmpty() {
+        return pending.length() == 0;
+    }
+
+    /** Forgets the partial statement. */
+    void clear() {
+        pending.setLength(0);
+    }
+
+    /**
+     * Takes the unfinished rest of the input (at the end of input, where a
+     * missing terminator counts as {@code ;}).
+     *
+     * @return the rest, or null when there is none
+     */
+    Statement takeRest() {
+        if (pending.length() == 0) {
+            return null;
+        }
+        Statement s = statement(0, pending.length());
+        pending.setLength(0);
+        return s;
+    }
+
+    private java.util.List<Statement> scan() {
+        java.util.List<Statement> done = new ArrayList<>();
+        String text = pending.toString();
+        int n = text.length();
+        int start = 0;
+        int brackets = 0;
+        int blocks = 0;
+        boolean afterEnd = false; // the previous word was "end"
+        int i = 0;
+        while (i < n) {
+            char c = text.charAt(i);
+            if (c == '"' || c == '\'' || c == '`') {
+                i = skipQuoted(text, i, c);
+                afterEnd = false;
+                continue;
+            }
+            if (c == '#') {
+                int eol = text.indexOf('\n', i);
+                i = eol < 0 ? n : eol;
+                continue;
+            }
+            if (Character.isLetter(c) || c == '_') {
+                int j = i + 1;
+                while (j < n && (Character.isLetterOrDigit(text.charAt(j)) || text.charAt(j) == '_')) {
+                    j++;
+                }
+                String word = text.substring(i, j);
+                if (word.equals("end")) {
+                    blocks = Math.max(0, blocks - 1);
+                    afterEnd = true;
+                } else {
+                    if (!afterEnd && (word.equals("proc") || word.equals("if") || word.equals("do"))) {
+                        blocks++;
+                    }
+                    afterEnd = false;
+                }
+                i = j;
+                continue;
+            }
+            if (Character.isDigit(c)) {
+                // Numbers such as 1e5 must not be read as words.
+                int j = i + 1;
+                while (j < n && Character.isLetterOrDigit(text.charAt(j))) {
+                    j++;
+                }
+                i = j;
+                afterEnd = false;
+                continue;
+            }
+            if (!Character.isWhitespace(c)) {
+                afterEnd = false;
+            }
+            switch (c) {
+                case '(', '[', '{' -> brackets++;
+                case ')', ']', '}' -> brackets = Math.max(0, brackets - 1);
+                case ';', ':' -> {
+                    boolean assignment = c == ':' && i + 1 < n
+                            && (text.charAt(i + 1) == '=' || text.charAt(i + 1) == ':');
+                    if (assignment) {
+                        i++; // skip the second character of := or ::
+                    } else if (brackets == 0 && blocks == 0) {
+                        Statement s = statement(start, i + 1);
+                        if (s != null) {
+                            done.add(s);
+                        }
+                        start = i + 1;
+                    }
+                }
+                default -> {
+                }
+            }
+            i++;
+        }
+        pending.delete(0, start);
+        if (start > 0) {
+            pendingLine += countNewlines(text, 0, start);
+        }
+        if (isBlank(pending)) {
+            pending.setLength(0);
+        }
+        return done;
+    }
+
+    /** The statement text[from, to) with leading white space removed, or null if that is all it has. */
+    private Statement statement(int from, int to) {
+        String text = pending.toString();
+        int s = from;
+        while (s < to && Character.isWhitespace(text.charAt(s))) {
+            s++;
+        }
+        if (s == to) {
+            return null;
+        }
+        return new Statement(text.substring(s, to), pendingLine + countNewlines(text, 0, s));
+    }
+
+    /** Returns the index after the closing quote, or the end of the text. */
+    private static int skipQuoted(String text, int open, char quote) {
+        int i = open + 1;
+        while (i < text.length()) {
+            char c = text.charAt(i);
+            if (c == '\\' && quote == '"') {
+                i += 2;
+                continue;
+            }
+            if (c == quote) {
+                return i + 1;
+            }
+            i++;
+        }
+        return text.length();
+    }
+
+    private static int countNewlines(String text, int from, int to) {
+        int count = 0;
+        for (int i = from; i < to; i++) {
+            if (text.charAt(i) == '\n') {
+                count++;
+            }
+        }
+        return count;
+    }
+
+    /** True when the text holds only white space and comments. */
+    private static boolean isBlank(CharSequence text) {
+        boolean comment = false;
+        for (int i = 0; i < text.length(); i++) {
+            char c = text.charAt(i);
+            if (comment) {
+                comment = c != '\n';
+            } else if (c == '#') {
+                comment = true;
+            } else if (!Character.isWhitespace(c)) {
+                return false;
+            }
+        }
+        return true;
+    }
+}

@@ -1,0 +1,308 @@
+package com.quorbit.ambrix.shell;
+
+import com.quorbit.ambrix.Algebraic;
+import com.quorbit.ambrix.Engine;
+import com.quorbit.externalcall.VexelException;
+import java.io.File;
+import java.io.IOException;
+import java.io.PrintStream;
+import java.nio.charset.StandardCharsets;
+import java.nio.file.Files;
+import java.nio.file.Path;
+import java.util.ArrayList;
+import java.util.concurrent.TimeUnit;
+import java.util.regex.Matcher;
+import java.util.regex.Pattern;
+
+/**
+ * The Vexel shell: an interactive console for the Vexel kernel.
+ *
+ * <pre>
+ * vexel [kernel options] [file ...]
+ * </pre>
+ *
+ * <p>Arguments starting with {@code -} are start options for the kernel
+ * ({@code -q} for no banner, {@code --gcthreshold=N}); {@code --} ends them.
+ * Without files the shell reads statements from standard input, prompting
+ * when it is a terminal. With files it runs their statements in order and
+ * exits with status 1 if any of them failed, 0 otherwise.
+ *
+ * <p>At the prompt:
+ * <ul>
+ * <li>a statement ends with {@code ;} (its value is printed) or {@code :}
+ * (silent), and may span several lines;
+ * <li>{@code ?topic} shows help on a topic, {@code ??topic} its usage only,
+ * {@code ???topic} its examples only;
+ * <li>{@code quit}, {@code done} or {@code stop} ends the shell, as does the
+ * end of input;
+ * <li>Ctrl-C stops the running statement, or drops the partly typed one.
+ * </ul>
+ */
+public final class VexelShell {
+    private static final String PROMPT = "> ";
+    private static final String CONTINUATION_PROMPT = ">> ";
+    private static final Pattern STOP_WORD = Pattern.compile("(quit|done|stop)\\s*[;:]?");
+    private static final Pattern HELP = Pattern.compile("(\\?{1,3})\\s*(.*?)\\s*;?\\s*");
+
+    private final PrintStream out = System.out;
+    private final InputLines input = new InputLines(System.in);
+    private final Interrupts interrupts = new Interrupts(input);
+    private final ShellCallBacks callbacks = new ShellCallBacks(out, input, interrupts);
+    private Engine engine;
+    private boolean stopped;
+
+    private VexelShell() {
+    }
+
+    /**
+     * Runs the shell.
+     *
+     * @param args kernel options and files to run
+     */
+    public static void main(String[] args) {
+        System.exit(new VexelShell().run(args));
+    }
+
+    private int run(String[] args) {
+        java.util.List<String> kernelArgs = new ArrayList<>();
+        java.util.List<String> files = new ArrayList<>();
+        boolean options = true;
+        for (String a : args) {
+            if (options && a.equals("--")) {
+                options = false;
+            } else if (options && (a.equals("-h") || a.equals("--help"))) {
+                usage(out);
+                return 0;
+            } else if (options && a.startsWith("-") && a.length() > 1) {
+                kernelArgs.add(a);
+            } else {
+                files.add(a);
+            }
+        }
+        interrupts.install();
+        try {
+            engine = new Engine(kernelArgs.toArray(new String[0]), callbacks, null);
+        } catch (VexelException e) {
+            System.err.println("vexel: the kernel did not start: " + e.getMessage());
+            return 2;
+        } catch (LinkageError e) {
+            System.err.println("vexel: cannot load the native library: " + e.getMessage());
+            System.err.println("vexel: (is java.library.path set to the folder of libambrix.so?)");
+            return 2;
+        }
+        int status;
+        try {
+            status = files.isEmpty() ? interactive() : runFiles(files);
+        } finally {
+            try {
+                engine.stop();
+            } catch (VexelException e) {
+                System.err.println("vexel: " + e.getMessage());
+            }
+            callbacks.close();
+        }
+        return status;
+    }
+
+    /** The read-evaluate loop on standard input. */
+    private int interactive() {
+        boolean terminal = System.console() != null;
+        StatementScanner scanner = new StatementScanner();
+        while (!stopped) {
+            interrupts.enter(Interrupts.Mode.PROMPT);
+            if (terminal) {
+                out.print(scanner.isEmpty() ? PROMPT : CONTINUATION_PROMPT);
+                out.flush();
+            }
+            Object item = input.take();
+            if (item == InputLines.EOF) {
+                if (terminal) {
+                    out.println();
+                }
+                StatementScanner.Statement rest = scanner.takeRest();
+                if (rest != null) {
+                    evaluate(rest, "");
+                }
+                break;
+            }
+            if (item == InputLines.INTERRUPT) {
+                scanner.clear();
+                if (terminal) {
+                    out.println();
+                }
+                continue;
+            }
+            String line = (String) item;
+            if (scanner.isEmpty()) {
+                String trimmed = line.strip();
+                Matcher help = HELP.matcher(trimmed);
+                if (help.matches()) {
+                    help(help.group(2), help.group(1).length());
+                    continue;
+                }
+                if (STOP_WORD.matcher(trimmed).matches()) {
+                    // A bare "quit" needs no terminator.
+                    evaluate(new StatementScanner.Statement(trimmed, 1), "");
+                    continue;
+                }
+            }
+            for (StatementScanner.Statement s : scanner.addLine(line)) {
+                evaluate(s, "");
+                if (stopped) {
+                    break;
+                }
+            }
+        }
+        return 0;
+    }
+
+    /** Runs the statements of the files in order. */
+    private int runFiles(java.util.List<String> files) {
+        for (String name : files) {
+            java.util.List<String> lines;
+            try {
+                lines = Files.readAllLines(Path.of(name), StandardCharsets.UTF_8);
+            } catch (IOException | RuntimeException e) {
+                System.err.println("vexel: cannot read " + name + ": " + e.getMessage());
+                return 2;
+            }
+            String label = new File(name).getName();
+            StatementScanner scanner = new StatementScanner();
+            for (String line : lines) {
+                for (StatementScanner.Statement s : scanner.addLine(line)) {
+                    if (!runStatement(s, label)) {
+                        return exitStatus();
+                    }
+                }
+            }
+            StatementScanner.Statement rest = scanner.takeRest();
+            if (rest != null && !runStatement(rest, label)) {
+                return exitStatus();
+            }
+        }
+        return exitStatus();
+    }
+
+    /** Evaluates one statement of a file; false when the run must end. */
+    private boolean runStatement(StatementScanner.Statement s, String label) {
+        evaluate(s, label);
+        if (interrupts.takeAny()) {
+            System.err.println("vexel: interrupted");
+            callbacks.close();
+            System.exit(130);
+        }
+        return !stopped;
+    }
+
+    private int exitStatus() {
+        return callbacks.errorCount() > 0 ? 1 : 0;
+    }
+
+    /**
+     * Evaluates one statement. Kernel output and errors arrive through the
+     * callbacks; an exception from the library is shown like a kernel error.
+     */
+    private void evaluate(StatementScanner.Statement s, String file) {
+        String text = s.text();
+        Matcher stop = STOP_WORD.matcher(text);
+        if (stop.matches()) {
+            text = stop.group(1) + ":"; // silent: the kernel would print "quit"
+        }
+        callbacks.beginStatement(text, file, s.line());
+        interrupts.enter(Interrupts.Mode.RUNNING);
+        try {
+            Algebraic result = engine.evaluate(text);
+            if (result != null && result.isStop()) {
+                stopped = true;
+            }
+        } catch (VexelException e) {
+            callbacks.reportError(e.getMessage(), -1);
+        } catch (RuntimeException e) {
+            callbacks.reportError(e.toString(), -1);
+        } finally {
+            interrupts.enter(Interrupts.Mode.PROMPT);
+            interrupts.poll();
+            input.clearInterrupts();
+            out.flush();
+        }
+    }
+
+    /** Shows help on a topic; levels 1, 2, 3 are all sections, usage, examples. */
+    private void help(String topic, int level) {
+        if (topic.isEmpty()) {
+            usage(out);
+            return;
+        }
+        int section = switch (level) {
+            case 2 -> Engine.VEXEL_HELP_USAGE;
+            case 3 -> Engine.VEXEL_HELP_EXAMPLES;
+            default -> Engine.VEXEL_HELP_ALL;
+        };
+        boolean ansi = System.console() != null && System.getenv("NO_COLOR") == null;
+        HelpPrinter printer = new HelpPrinter(out, ansi, interrupts);
+        interrupts.enter(Interrupts.Mode.RUNNING);
+        try {
+            engine.getHelp(topic, section, printer, terminalWidth(), null);
+        } catch (VexelException e) {
+            printer.finish();
+            out.println(e.getMessage());
+        } finally {
+            printer.finish();
+            interrupts.enter(Interrupts.Mode.PROMPT);
+            interrupts.poll();
+        }
+    }
+
+    private static void usage(PrintStream out) {
+        out.println("Usage: vexel [kernel options] [file ...]");
+        out.println();
+        out.println("  Statements end with ';' (the value is printed) or ':' (silent).");
+        out.println("  ?topic     help on a topic, for example ?print");
+        out.println("  ??topic    usage only;  ???topic  examples only");
+        out.println("  Ctrl-C     stop the running statement");
+        out.println("  quit       leave (also done, stop, or the end of input)");
+        out.println();
+        out.println("  Kernel options: -q (no banner), --gcthreshold=N.");
+        out.println("  With files, runs their statements and exits: status 1 if any failed.");
+        out.flush();
+    }
+
+    /** The terminal's width for help text: $COLUMNS, else stty, else 80. */
+    private static int terminalWidth() {
+        String columns = System.getenv("COLUMNS");
+        if (columns != null) {
+            try {
+                int c = Integer.parseInt(columns.trim());
+                if (c > 0) {
+                    return c;
+                }
+            } catch (NumberFormatException e) {
+                // fall through to stty
+            }
+        }
+        File tty = new File("/dev/tty");
+        if (System.console() != null && tty.exists()) {
+            try {
+                Process p = new ProcessBuilder("stty", "size")
+                        .redirectInput(ProcessBuilder.Redirect.from(tty))
+                        .redirectError(ProcessBuilder.Redirect.DISCARD)
+                        .start();
+                String answer = new String(p.getInputStream().readAllBytes(), StandardCharsets.US_ASCII).trim();
+                if (p.waitFor(2, TimeUnit.SECONDS) && p.exitValue() == 0) {
+                    String[] parts = answer.split("\\s+");
+                    if (parts.length == 2) {
+                        int c = Integer.parseInt(parts[1]);
+                        if (c > 0) {
+                            return c;
+                        }
+                    }
+                }
+            } catch (IOException | NumberFormatException e) {
+                // fall back to the default
+            } catch (InterruptedException e) {
+                Thread.currentThread().interrupt();
+            }
+        }
+        return 80;
+    }
+}
