@@ -1,0 +1,338 @@
+// Cells, handles, VexelAlloc blocks and the mark-and-sweep collector.
+#include "core.hpp"
+#include "rtable.hpp"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+
+namespace vx {
+
+Kernel *K = nullptr;
+
+// Generations grow across kernels, so that a handle of a stopped kernel never
+// names a cell of a later one.
+static uint32_t g_max_gen = 1;
+
+static uint32_t next_gen(uint32_t g) {
+    uint32_t n = std::max(g, g_max_gen) + 1;
+    if (n == 0) n = 1;
+    g_max_gen = n;
+    return n;
+}
+
+void fail(std::string msg) { throw VexelError{std::move(msg), -1}; }
+void fail_at(std::string msg, int64_t offset) { throw VexelError{std::move(msg), offset}; }
+
+Slot *slot_of(H h) {
+    if (h == 0 || is_imm(h)) return nullptr;
+    uint32_t gen = uint32_t(h >> 32);
+    uint64_t idx = (h & 0xffffffffu) >> 1;
+    if (gen == 0 || idx >= K->slots.size()) return nullptr;
+    Slot &s = K->slots[idx];
+    if (s.kind == Kind::Dead || s.gen != gen) return nullptr;
+    return &s;
+}
+
+Kind kind_or_dead(H h) {
+    if (is_imm(h)) return imm_valid(h) ? Kind::Int : Kind::Dead;
+    Slot *s = slot_of(h);
+    return s ? s->kind : Kind::Dead;
+}
+
+Kind kind_of(H h) {
+    Kind k = kind_or_dead(h);
+    if (k == Kind::Dead) fail("invalid or reclaimed value");
+    return k;
+}
+
+void check(H h) { (void)kind_of(h); }
+
+H alloc(Kind k, std::unique_ptr<Obj> o) {
+    uint32_t idx;
+    if (!K->free_slots.empty()) {
+        idx = K->free_slots.back();
+        K->free_slots.pop_back();
+    } else {
+        if (K->slots.size() >= (size_t(1) << 31)) fail("out of memory: too many values");
+        idx = uint32_t(K->slots.size());
+        K->slots.emplace_back();
+        K->slots.back().gen = next_gen(1);
+    }
+    Slot &s = K->slots[idx];
+    s.obj = std::move(o);
+    s.kind = k;
+    s.mark = false;
+    s.birth = K->serial++;
+    ++K->live_cells;
+    ++K->allocs_since_gc;
+    return (uint64_t(s.gen) << 32) | (uint64_t(idx) << 1);
+}
+
+static void free_slot(uint32_t idx) {
+    Slot &s = K->slots[idx];
+    s.obj.reset();  // the cell's memory goes back to the allocator: a stale use shows up under ASan
+    s.kind = Kind::Dead;
+    s.mark = false;
+    s.gen = next_gen(s.gen);
+    --K->live_cells;
+    K->free_slots.push_back(idx);
+}
+
+// ---- VexelAlloc blocks ----
+
+void *block_alloc(size_t n) {
+    if (K->failalloc > 0 && --K->failalloc == 0) return nullptr;
+    if (n > (size_t(1) << 40)) return nullptr;
+    void *p = std::malloc(n ? n : 1);
+    if (!p) return nullptr;
+    std::memset(p, 0xA5, n ? n : 1);
+    K->blocks.push_back(Block{p, n, K->serial++});
+    K->block_bytes += n;
+    ++K->allocs_since_gc;
+    return p;
+}
+
+// ---- marking ----
+
+void gc_mark(H h) {
+    if (!K->marking) fail("VexelGcMark called outside a collection");
+    if (h == 0) fail("invalid or reclaimed value");
+    if (is_imm(h)) {
+        check(h);
+        return;
+    }
+    check(h);
+    K->worklist.push_back(h);
+}
+
+void gc_protect(H h) {
+    check(h);
+    if (!is_imm(h)) K->protected_vals.insert(h);
+}
+
+static void push(H h) {
+    if (h && !is_imm(h)) K->worklist.push_back(h);
+}
+
+static void mark_children(Slot &s) {
+    switch (s.kind) {
+        case Kind::Complex: {
+            auto &c = static_cast<ComplexObj &>(*s.obj);
+            push(c.re);
+            push(c.im);
+            break;
+        }
+        case Kind::Name:
+            push(static_cast<NameObj &>(*s.obj).value);
+            break;
+        case Kind::List:
+        case Kind::Set:
+        case Kind::Seq:
+            for (H x : static_cast<SeqObj &>(*s.obj).items) push(x);
+            break;
+        case Kind::Table:
+            for (auto &[k, v] : static_cast<TableObj &>(*s.obj).entries) {
+                push(k);
+                push(v);
+            }
+            break;
+        case Kind::Expr:
+            for (H x : static_cast<ExprObj &>(*s.obj).ops) push(x);
+            break;
+        case Kind::RTable:
+            rtable_mark(static_cast<RTableObj &>(*s.obj));
+            break;
+        default:
+            break;
+    }
+}
+
+static void drain(std::vector<std::pair<H, VexelPointerFunc>> &marks) {
+    while (!K->worklist.empty()) {
+        H h = K->worklist.back();
+        K->worklist.pop_back();
+        Slot *s = slot_of(h);
+        if (!s || s->mark) continue;
+        s->mark = true;
+        mark_children(*s);
+        if (s->kind == Kind::Pointer) {
+            auto &p = static_cast<PointerObj &>(*s->obj);
+            if (p.mark) marks.emplace_back(h, p.mark);
+        }
+    }
+}
+
+static void clear_marks() {
+    for (auto &s : K->slots) s.mark = false;
+    K->worklist.clear();
+}
+
+void unique_forget(H h) {
+    auto it = K->unique_hash_of.find(h);
+    if (it == K->unique_hash_of.end()) return;
+    auto range = K->unique_by_hash.equal_range(it->second);
+    for (auto i = range.first; i != range.second; ++i) {
+        if (i->second == h) {
+            K->unique_by_hash.erase(i);
+            break;
+        }
+    }
+    K->unique_hash_of.erase(it);
+}
+
+void unique_forget_all() {
+    K->unique_by_hash.clear();
+    K->unique_hash_of.clear();
+}
+
+void collect() {
+    // Only the outermost operation collects, and never while collecting.
+    if (K->depth != 1 || K->collecting) return;
+    K->collecting = true;
+    uint64_t begin = K->serial;
+    uint64_t keep_from = std::min(K->last_gc_begin, K->inuse_begin);
+
+    // Roots.
+    K->worklist.clear();
+    for (auto &[name, h] : K->globals) push(h);
+    for (H h : K->protected_vals) push(h);
+    for (H h : K->op_roots) push(h);
+    push(K->null_val);
+    push(K->stop_val);
+    for (H h : K->dtype_vals) push(h);
+    mark_frames();
+    for (size_t i = 0; i < K->slots.size(); ++i) {
+        Slot &s = K->slots[i];
+        if (s.kind != Kind::Dead && s.birth >= keep_from) push((uint64_t(s.gen) << 32) | (uint64_t(i) << 1));
+    }
+
+    // Mark; a pointer value's mark function runs once the pointer is reached and
+    // may mark more through VexelGcMark.
+    K->marking = true;
+    try {
+        std::vector<std::pair<H, VexelPointerFunc>> marks;
+        drain(marks);
+        while (!marks.empty()) {
+            auto [h, f] = marks.back();
+            marks.pop_back();
+            f(to_algeb(h));
+            drain(marks);
+        }
+    } catch (...) {
+        K->marking = false;
+        clear_marks();
+        K->collecting = false;
+        throw;
+    }
+    K->marking = false;
+
+    // Sweep: dispose functions first, while every dying cell is still valid.
+    std::vector<uint32_t> dead;
+    for (size_t i = 0; i < K->slots.size(); ++i) {
+        Slot &s = K->slots[i];
+        if (s.kind != Kind::Dead && !s.mark && s.birth < keep_from) dead.push_back(uint32_t(i));
+    }
+    std::optional<VexelError> first_error;
+    for (uint32_t i : dead) {
+        Slot &s = K->slots[i];
+        if (s.kind != Kind::Pointer) continue;
+        auto &p = static_cast<PointerObj &>(*s.obj);
+        if (!p.dispose) continue;
+        VexelPointerFunc f = p.dispose;
+        p.dispose = nullptr;
+        try {
+            f(to_algeb((uint64_t(s.gen) << 32) | (uint64_t(i) << 1)));
+        } catch (VexelError &e) {
+            if (!first_error) first_error = e;
+        }
+    }
+    for (uint32_t i : dead) {
+        Slot &s = K->slots[i];
+        unique_forget((uint64_t(s.gen) << 32) | (uint64_t(i) << 1));
+        free_slot(i);
+    }
+    for (auto &s : K->slots) s.mark = false;
+
+    // Blocks made before the previous collection began and before the current
+    // statement are reclaimed.
+    std::vector<Block> keep;
+    keep.reserve(K->blocks.size());
+    for (auto &b : K->blocks) {
+        if (b.birth < keep_from) {
+            std::free(b.p);
+            K->block_bytes -= b.n;
+        } else {
+            keep.push_back(b);
+        }
+    }
+    K->blocks.swap(keep);
+
+    K->last_gc_begin = begin;
+    K->allocs_since_gc = 0;
+    ++K->collections;
+    K->collecting = false;
+    if (first_error) throw *first_error;
+}
+
+void maybe_collect() {
+    if (K->allocs_since_gc >= K->gc_threshold) collect();
+}
+
+// Restart and stop: run every dispose function, then drop every value.
+void discard_all(bool run_dispose) {
+    std::optional<VexelError> first_error;
+    if (run_dispose) {
+        for (size_t i = 0; i < K->slots.size(); ++i) {
+            Slot &s = K->slots[i];
+            if (s.kind != Kind::Pointer) continue;
+            auto &p = static_cast<PointerObj &>(*s.obj);
+            if (!p.dispose) continue;
+            VexelPointerFunc f = p.dispose;
+            p.dispose = nullptr;
+            try {
+                f(to_algeb((uint64_t(s.gen) << 32) | (uint64_t(i) << 1)));
+            } catch (VexelError &e) {
+                if (!first_error) first_error = e;
+            }
+        }
+    }
+    for (size_t i = 0; i < K->slots.size(); ++i)
+        if (K->slots[i].kind != Kind::Dead) free_slot(uint32_t(i));
+    K->globals.clear();
+    K->protected_vals.clear();
+    K->op_roots.clear();
+    unique_forget_all();
+    for (auto &b : K->blocks) std::free(b.p);
+    K->blocks.clear();
+    K->block_bytes = 0;
+    K->null_val = K->stop_val = K->true_name = K->false_name = K->sfloat_name = 0;
+    for (H &h : K->dtype_vals) h = 0;
+    K->last_gc_begin = K->serial;
+    K->allocs_since_gc = 0;
+    if (first_error) throw *first_error;
+}
+
+void make_permanent_values() {
+    K->null_val = mk_seq({});
+    K->stop_val = alloc(Kind::Stop, std::make_unique<StopObj>());
+    K->true_name = global_name("true");
+    K->false_name = global_name("false");
+    K->sfloat_name = global_name("sfloat");
+    H anything = global_name("anything");
+    H integer = global_name("integer");
+    H flt = global_name("float");
+    H cx = global_name("complex");
+    K->dtype_vals[RTABLE_DAG] = anything;
+    K->dtype_vals[RTABLE_CXDAG] = mk_expr(Op::Call, {cx, K->sfloat_name});
+    K->dtype_vals[RTABLE_INTEGER8] = mk_expr(Op::Index, {integer, imm(1)});
+    K->dtype_vals[RTABLE_INTEGER16] = mk_expr(Op::Index, {integer, imm(2)});
+    K->dtype_vals[RTABLE_INTEGER32] = mk_expr(Op::Index, {integer, imm(4)});
+    K->dtype_vals[RTABLE_INTEGER64] = mk_expr(Op::Index, {integer, imm(8)});
+    K->dtype_vals[RTABLE_FLOAT64] = mk_expr(Op::Index, {flt, imm(8)});
+    K->dtype_vals[RTABLE_COMPLEX64] = mk_expr(Op::Index, {cx, imm(8)});
+    K->dtype_vals[RTABLE_FLOAT32] = mk_expr(Op::Index, {flt, imm(4)});
+    K->dtype_vals[RTABLE_TRUEFALSE] = global_name("truefalse");
+}
+
+}  // namespace vx
