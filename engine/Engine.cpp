@@ -75,9 +75,15 @@ jobject factory(JNIEnv *env, jobject engine, const char *className, Make &&make)
 template <typename Make>
 jobject stringFactory(JNIEnv *env, jobject engine, jstring s, const char *className, Make &&make) {
     return ambrix::engineMethod<jobject>(env, engine, [&](Call &call) -> jobject {
-        char *text = ambrix::kernelText(call, s, "String is NULL");
-        if (text == nullptr) return nullptr;
-        return makeValue(call, className, [&](KernelVector kv) { return make(kv, text); });
+        ambrix::JavaChars chars;
+        if (!ambrix::holdChars(env, s, "String is NULL", chars)) return nullptr;
+        jobject result = nullptr;
+        call.locked([&] {
+            char *text = ambrix::kernelCopy(call, chars);
+            if (text != nullptr) result = call.peer(make(call.kv(), text), className);
+        });
+        ambrix::releaseChars(env, chars);
+        return result;
     });
 }
 
@@ -85,21 +91,22 @@ jobject stringFactory(JNIEnv *env, jobject engine, jstring s, const char *classN
 
 namespace ambrix {
 
-char *kernelText(Call &call, jstring s, const char *nullMessage) {
-    JNIEnv *env = call.env;
-    if (s == nullptr) return fail(env, nullMessage), nullptr;
-    jsize n = env->GetStringLength(s);
-    const jchar *chars = env->GetStringChars(s, nullptr);
-    if (chars == nullptr) return nullptr;
-    char *text = nullptr;
-    if (call.locked([&] { text = static_cast<char *>(VexelAlloc(call.kv(), static_cast<size_t>(n) + 1)); })) {
-        if (text != nullptr)
-            narrowInto(text, chars, n);
-        else
-            throwOutOfMemory(env, "Failed to allocate CallBackVector");
-    }
-    env->ReleaseStringChars(s, chars);
-    return env->ExceptionCheck() ? nullptr : text;
+bool holdChars(JNIEnv *env, jstring s, const char *nullMessage, JavaChars &chars) {
+    if (s == nullptr) return fail(env, nullMessage);
+    chars.string = s;
+    chars.length = env->GetStringLength(s);
+    chars.units = env->GetStringChars(s, nullptr);
+    return chars.units != nullptr;
+}
+
+void releaseChars(JNIEnv *env, JavaChars &chars) { env->ReleaseStringChars(chars.string, chars.units); }
+
+char *kernelCopy(Call &call, const JavaChars &chars) {
+    auto *text = static_cast<char *>(VexelAlloc(call.kv(), static_cast<size_t>(chars.length) + 1));
+    if (call.env->ExceptionCheck()) return nullptr;
+    if (text == nullptr) return throwOutOfMemory(call.env, "Failed to allocate CallBackVector"), nullptr;
+    narrowInto(text, chars.units, chars.length);
+    return text;
 }
 
 }  // namespace ambrix

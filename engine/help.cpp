@@ -111,18 +111,20 @@ extern "C" JNIEXPORT void JNICALL Java_com_quorbit_ambrix_Engine_getHelp(JNIEnv 
                                                                         jint section, jobject helpCallBacks,
                                                                         jint width, jobject data) {
     ambrix::engineMethod<void>(env, self, [&](Call &call) {
-        char *topicText = ambrix::kernelText(call, topic, "Topic is NULL");
-        if (topicText == nullptr) return;
-        const char *keyword = sectionKeyword(env, self, section);
-        if (keyword == nullptr) return;
+        ambrix::JavaChars chars;
+        if (!ambrix::holdChars(env, topic, "Topic is NULL", chars)) return;
         HelpCallBackData help{call.frontEnd, helpCallBacks, data, nullptr, nullptr};
-        if (!helpMethods(env, help)) return;
+        const char *keyword = sectionKeyword(env, self, section);
         char *message = nullptr;
-        if (!call.locked([&] {
-                message = VexelHelp(call.kv(), topicText, keyword, WriteCharCallBack, WriteAttribCallBack, width,
-                                    &help);
-            }))
-            return;
+        if (keyword != nullptr && helpMethods(env, help)) {
+            call.locked([&] {
+                char *topicText = ambrix::kernelCopy(call, chars);
+                if (topicText != nullptr)
+                    message = VexelHelp(call.kv(), topicText, keyword, WriteCharCallBack, WriteAttribCallBack, width,
+                                        &help);
+            });
+        }
+        ambrix::releaseChars(env, chars);
         if (message != nullptr) ThrowVexelException(env, message);
     });
 }

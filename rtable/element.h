@@ -16,56 +16,44 @@ namespace ambrix {
 constexpr Messages kTableQuery{"Table is NULL", "KernelVector is NULL"};
 constexpr Messages kTableCopy{"Table is NULL", "CallBackFrontEnd is NULL"};
 
-// The kernel's index: one signed 64-bit entry per Java entry, widened with
-// its sign, neither shifted nor range-checked. The block is kernel memory,
-// made for this call and left to the kernel.
-struct KernelIndex {
-    int64_t *entries = nullptr;
-    jsize count = 0;
-};
-
-// The Java index as a kernel index: the block is allocated in a lock pass
-// of its own, and the Java array is read outside the lock, in place and
-// without copy-back. False with an exception pending.
-inline bool readIndex(Call &call, jintArray index, KernelIndex &kernelIndex) {
-    JNIEnv *env = call.env;
-    jsize n = index == nullptr ? 0 : env->GetArrayLength(index);
-    if (n <= 0) return fail(env, "At least one index expected");
-    int64_t *entries = nullptr;
-    if (!call.locked([&] { entries = static_cast<int64_t *>(VexelAlloc(call.kv(), sizeof(int64_t) * n)); }))
-        return false;
-    if (entries == nullptr) return fail(env, "Out of Memory");
-    jint *elements = env->GetIntArrayElements(index, nullptr);
-    if (elements == nullptr) return false;
-    for (jsize i = 0; i < n; i++) entries[i] = elements[i];
-    env->ReleaseIntArrayElements(index, elements, JNI_ABORT);
-    kernelIndex = {entries, n};
-    return true;
-}
-
 // The element-access frame: the table's handle, the value's handle (the
 // natives whose value is a Java object give it as `value`, with its
-// message), the engine, the index, then `step(call, entries)` in a second
-// lock pass. That pass first checks the index count against the table's
-// dimensions, so the kernel never reads past the block. Whatever `step`
-// makes is dropped if an exception is pending at the end.
+// message), the engine, the index, then one lock pass that makes the
+// kernel's index and runs `step(call, entries)`. The kernel's index has one
+// signed 64-bit entry per Java entry, widened with its sign, neither shifted
+// nor range-checked; its block is kernel memory, made in the same pass that
+// uses it, so that no collection run by another thread can reclaim it in
+// between. The pass first checks the index count against the table's
+// dimensions, so the kernel never reads past the block. The Java array is
+// read in place, before the lock, and given back without copy-back.
+// Whatever `step` makes is dropped if an exception is pending at the end.
 template <typename R, typename Step>
 R elementAccess(JNIEnv *env, jobject table, std::initializer_list<Arg> value, jintArray index, Step &&step) {
     return valueMethod<R>(env, table, kTableQuery, value, [&](Call &call) -> R {
-        KernelIndex kernelIndex;
-        if (!readIndex(call, index, kernelIndex)) return zeroResult<R>();
+        jsize n = index == nullptr ? 0 : env->GetArrayLength(index);
+        if (n <= 0) return fail(env, "At least one index expected"), zeroResult<R>();
+        jint *elements = env->GetIntArrayElements(index, nullptr);
+        if (elements == nullptr) return zeroResult<R>();
         std::conditional_t<std::is_void_v<R>, int, R> result{};
         call.locked([&] {
+            auto *entries = static_cast<int64_t *>(VexelAlloc(call.kv(), sizeof(int64_t) * static_cast<size_t>(n)));
+            if (call.env->ExceptionCheck()) return;
+            if (entries == nullptr) {
+                fail(call.env, "Out of Memory");
+                return;
+            }
+            for (jsize i = 0; i < n; i++) entries[i] = elements[i];
             int64_t dimensions = RTableNumDimensions(call.kv(), call.self);
             if (call.env->ExceptionCheck()) return;
-            if (dimensions != kernelIndex.count) {
+            if (dimensions != n) {
                 fail(call.env, "Index count does not match the table's dimensions");
             } else if constexpr (std::is_void_v<R>) {
-                step(call, kernelIndex.entries);
+                step(call, entries);
             } else {
-                result = step(call, kernelIndex.entries);
+                result = step(call, entries);
             }
         });
+        env->ReleaseIntArrayElements(index, elements, JNI_ABORT);
         if constexpr (!std::is_void_v<R>) return result;
     });
 }
