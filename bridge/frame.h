@@ -22,10 +22,11 @@ inline bool fail(JNIEnv *env, const char *message) {
 }
 
 // Reads an object's handle; a null reference or a zero handle fails with
-// `message` unless getDag left an exception of its own.
+// `message` unless getDag left an exception of its own (a null message: the
+// method has none of its own).
 inline bool readDag(JNIEnv *env, jobject object, const char *message, ALGEB &handle) {
     handle = getDag(env, object);
-    return handle != nullptr || fail(env, message);
+    return handle != nullptr || (message != nullptr && fail(env, message));
 }
 
 // An argument whose handle the frame reads, with its message.
@@ -43,6 +44,10 @@ struct Call {
 
     KernelVector kv() const { return frontEnd->kernelVector; }
 
+    // A Java exception is pending: a kernel call reported an error, so the
+    // pass makes no further kernel call.
+    bool pending() const { return env->ExceptionCheck(); }
+
     // One pass through the kernel lock: `step` runs with the lock held.
     // False when the lock was not taken or an exception is pending after
     // the release.
@@ -53,6 +58,20 @@ struct Call {
         step();
         LeaveKernel(frontEnd);
         return !env->ExceptionCheck();
+    }
+
+    // A lock pass that yields what `step` yields: its zero when the lock was
+    // not taken (and the frame drops it when an exception is pending).
+    template <typename Step>
+    auto inLock(Step &&step) -> decltype(step()) {
+        using T = decltype(step());
+        if constexpr (std::is_void_v<T>) {
+            locked(step);
+        } else {
+            T result{};
+            locked([&] { result = step(); });
+            return result;
+        }
     }
 
     // The kernel's value as a Java object of the class its kind selects;
@@ -117,14 +136,8 @@ R valueMethod(JNIEnv *env, jobject self, Messages messages, std::initializer_lis
 // A value method whose whole work is one kernel step in one lock bracket.
 template <typename R, typename Step>
 R valueOp(JNIEnv *env, jobject self, Messages messages, std::initializer_list<Arg> args, Step &&step) {
-    return valueMethod<R>(env, self, messages, args, [&](Call &call) {
-        if constexpr (std::is_void_v<R>) {
-            call.locked([&] { step(call); });
-        } else {
-            R result{};
-            call.locked([&] { result = step(call); });
-            return result;
-        }
+    return valueMethod<R>(env, self, messages, args, [&](Call &call) -> R {
+        return call.inLock([&]() -> R { return step(call); });
     });
 }
 

@@ -61,9 +61,7 @@ bool narrowArgs(JNIEnv *env, jobjectArray args, jsize *argc, char ***argv) {
 // before the lock is released, so no collection can take the fresh value.
 template <typename Make>
 jobject makeValue(Call &call, const char *className, Make &&make) {
-    jobject result = nullptr;
-    call.locked([&] { result = call.peer(make(call.kv()), className); });
-    return result;
+    return call.inLock([&] { return call.peer(make(call.kv()), className); });
 }
 
 template <typename Make>
@@ -77,10 +75,9 @@ jobject stringFactory(JNIEnv *env, jobject engine, jstring s, const char *classN
     return ambrix::engineMethod<jobject>(env, engine, [&](Call &call) -> jobject {
         ambrix::JavaChars chars;
         if (!ambrix::holdChars(env, s, "String is NULL", chars)) return nullptr;
-        jobject result = nullptr;
-        call.locked([&] {
+        jobject result = call.inLock([&]() -> jobject {
             char *text = ambrix::kernelCopy(call, chars);
-            if (text != nullptr) result = call.peer(make(call.kv(), text), className);
+            return text == nullptr ? nullptr : call.peer(make(call.kv(), text), className);
         });
         ambrix::releaseChars(env, chars);
         return result;
@@ -103,7 +100,7 @@ void releaseChars(JNIEnv *env, JavaChars &chars) { env->ReleaseStringChars(chars
 
 char *kernelCopy(Call &call, const JavaChars &chars) {
     auto *text = static_cast<char *>(VexelAlloc(call.kv(), static_cast<size_t>(chars.length) + 1));
-    if (call.env->ExceptionCheck()) return nullptr;
+    if (call.pending()) return nullptr;
     if (text == nullptr) return throwOutOfMemory(call.env, "Failed to allocate CallBackVector"), nullptr;
     narrowInto(text, chars.units, chars.length);
     return text;
@@ -186,8 +183,7 @@ JNIEXPORT jobject JNICALL Java_com_quorbit_ambrix_Engine_evaluate(JNIEnv *env, j
         if (text != nullptr) ambrix::narrowInto(text, chars, n);
         env->ReleaseStringChars(statement, chars);
         if (text == nullptr) return ambrix::throwOutOfMemory(env, "Failed to allocate statement"), nullptr;
-        jobject result = nullptr;
-        call.locked([&] { result = call.wrap(EvalVexelStatement(call.kv(), text)); });
+        jobject result = call.inLock([&] { return call.wrap(EvalVexelStatement(call.kv(), text)); });
         free(text);
         return result;
     });

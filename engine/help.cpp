@@ -117,11 +117,11 @@ extern "C" JNIEXPORT void JNICALL Java_com_quorbit_ambrix_Engine_getHelp(JNIEnv 
         const char *keyword = sectionKeyword(env, self, section);
         char *message = nullptr;
         if (keyword != nullptr && helpMethods(env, help)) {
-            call.locked([&] {
+            message = call.inLock([&]() -> char * {
                 char *topicText = ambrix::kernelCopy(call, chars);
-                if (topicText != nullptr)
-                    message = VexelHelp(call.kv(), topicText, keyword, WriteCharCallBack, WriteAttribCallBack, width,
-                                        &help);
+                return topicText == nullptr ? nullptr
+                                            : VexelHelp(call.kv(), topicText, keyword, WriteCharCallBack,
+                                                        WriteAttribCallBack, width, &help);
             });
         }
         ambrix::releaseChars(env, chars);

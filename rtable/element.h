@@ -34,27 +34,25 @@ R elementAccess(JNIEnv *env, jobject table, std::initializer_list<Arg> value, ji
         if (n <= 0) return fail(env, "At least one index expected"), zeroResult<R>();
         jint *elements = env->GetIntArrayElements(index, nullptr);
         if (elements == nullptr) return zeroResult<R>();
-        std::conditional_t<std::is_void_v<R>, int, R> result{};
-        call.locked([&] {
+        auto access = [&]() -> R {
             auto *entries = static_cast<int64_t *>(VexelAlloc(call.kv(), sizeof(int64_t) * static_cast<size_t>(n)));
-            if (call.env->ExceptionCheck()) return;
-            if (entries == nullptr) {
-                fail(call.env, "Out of Memory");
-                return;
-            }
+            if (call.pending()) return zeroResult<R>();
+            if (entries == nullptr) return fail(call.env, "Out of Memory"), zeroResult<R>();
             for (jsize i = 0; i < n; i++) entries[i] = elements[i];
             int64_t dimensions = RTableNumDimensions(call.kv(), call.self);
-            if (call.env->ExceptionCheck()) return;
-            if (dimensions != n) {
-                fail(call.env, "Index count does not match the table's dimensions");
-            } else if constexpr (std::is_void_v<R>) {
-                step(call, entries);
-            } else {
-                result = step(call, entries);
-            }
-        });
-        env->ReleaseIntArrayElements(index, elements, JNI_ABORT);
-        if constexpr (!std::is_void_v<R>) return result;
+            if (call.pending()) return zeroResult<R>();
+            if (dimensions != n)
+                return fail(call.env, "Index count does not match the table's dimensions"), zeroResult<R>();
+            return step(call, entries);
+        };
+        if constexpr (std::is_void_v<R>) {
+            call.inLock(access);
+            env->ReleaseIntArrayElements(index, elements, JNI_ABORT);
+        } else {
+            R result = call.inLock(access);
+            env->ReleaseIntArrayElements(index, elements, JNI_ABORT);
+            return result;
+        }
     });
 }
 
@@ -64,7 +62,7 @@ template <typename Make>
 void assignElement(JNIEnv *env, jobject table, std::initializer_list<Arg> value, jintArray index, Make &&make) {
     elementAccess<void>(env, table, value, index, [&](Call &call, int64_t *entries) {
         RTableElement element = make(call);
-        if (!call.env->ExceptionCheck()) RTableAssign(call.kv(), call.self, entries, element);
+        if (!call.pending()) RTableAssign(call.kv(), call.self, entries, element);
     });
 }
 
@@ -75,7 +73,7 @@ template <typename R, typename Take>
 R selectElement(JNIEnv *env, jobject table, jintArray index, Take &&take) {
     return elementAccess<R>(env, table, {}, index, [&](Call &call, int64_t *entries) -> R {
         RTableElement element = RTableSelect(call.kv(), call.self, entries);
-        if (call.env->ExceptionCheck()) return R{};
+        if (call.pending()) return R{};
         return take(call, element);
     });
 }
@@ -98,7 +96,7 @@ inline jobject copyTable(JNIEnv *env, jobject table, TableCopy copy, const char 
     return valueOp<jobject>(env, table, kTableCopy, {}, [&](Call &call) -> jobject {
         RTableSettings settings{};
         RTableGetSettings(call.kv(), &settings, call.self);
-        if (call.env->ExceptionCheck()) return nullptr;
+        if (call.pending()) return nullptr;
         ALGEB made = copy(call.kv(), &settings, call.self);
         return className != nullptr ? call.peer(made, className) : call.wrap(made);
     });

@@ -37,9 +37,9 @@ extern "C" {
 JNIEXPORT jstring JNICALL Java_com_quorbit_ambrix_Algebraic_toString(JNIEnv *env, jobject self) {
     return ambrix::valueOp<jstring>(env, self, kValue, {}, [](Call &call) -> jstring {
         ALGEB printed = VexelALGEB_SPrintf1(call.kv(), "%a", call.self);
-        if (ambrix::pending(call)) return nullptr;
+        if (call.pending()) return nullptr;
         const char *text = VexelToString(call.kv(), printed);
-        if (ambrix::pending(call)) return nullptr;
+        if (call.pending()) return nullptr;
         return ambrix::toJavaString(call.env, call.frontEnd, text);
     });
 }

@@ -1,8 +1,9 @@
 // The natives of Procedure: calling a kernel procedure on an expression
 // sequence, on an array of values, or numerically on an array of doubles.
 // The procedure's handle and the engine come first; the arguments after.
-#include <vector>
+#include <cstdlib>
 
+#include "text.h"
 #include "values.h"
 
 using ambrix::Call;
@@ -15,23 +16,25 @@ constexpr ambrix::Messages kProcedure{"Procedure is NULL", "CallBackFrontEnd is 
 // on it, and its result is wrapped, all before the lock is released.
 template <typename Arguments>
 jobject callProcedure(Call &call, Arguments &&arguments) {
-    jobject result = nullptr;
-    call.locked([&] {
+    return call.inLock([&]() -> jobject {
         ALGEB sequence = arguments(call.kv());
-        if (!ambrix::pending(call)) result = call.wrap(EvalVexelProcedure(call.kv(), call.self, sequence));
+        return call.pending() ? nullptr : call.wrap(EvalVexelProcedure(call.kv(), call.self, sequence));
     });
-    return result;
 }
 
-// The handles of the array's elements, read before the lock is taken; false
-// with an exception pending. A null array has no elements.
-bool readHandles(JNIEnv *env, jobjectArray array, std::vector<ALGEB> &handles) {
-    jsize n = array == nullptr ? 0 : env->GetArrayLength(array);
-    handles.assign(static_cast<size_t>(n), nullptr);
-    for (jsize i = 0; i < n; i++) {
+// The handles of the array's elements, read before the lock is taken, in a
+// block of the C heap that the caller frees. False with an exception
+// pending; a null or empty array gives no elements and no block.
+bool readHandles(JNIEnv *env, jobjectArray array, ALGEB **handles, jsize *count) {
+    *handles = nullptr;
+    *count = array == nullptr ? 0 : env->GetArrayLength(array);
+    if (*count == 0) return true;
+    *handles = static_cast<ALGEB *>(calloc(static_cast<size_t>(*count), sizeof(ALGEB)));
+    if (*handles == nullptr) return ambrix::throwOutOfMemory(env, "Failed to allocate the arguments"), false;
+    for (jsize i = 0; i < *count; i++) {
         jobject element = env->GetObjectArrayElement(array, i);
         if (env->ExceptionCheck()) return false;
-        bool read = ambrix::readDag(env, element, "Argument is NULL", handles[static_cast<size_t>(i)]);
+        bool read = ambrix::readDag(env, element, "Argument is NULL", (*handles)[i]);
         env->DeleteLocalRef(element);
         if (!read) return false;
     }
@@ -58,15 +61,20 @@ JNIEXPORT jobject JNICALL Java_com_quorbit_ambrix_Procedure_execute__Lcom_quorbi
 JNIEXPORT jobject JNICALL Java_com_quorbit_ambrix_Procedure_execute___3Lcom_quorbit_ambrix_Algebraic_2(
     JNIEnv *env, jobject self, jobjectArray args) {
     return ambrix::valueMethod<jobject>(env, self, kProcedure, {}, [&](Call &call) -> jobject {
-        std::vector<ALGEB> handles;
-        if (!readHandles(env, args, handles)) return nullptr;
-        return callProcedure(call, [&](KernelVector kv) -> ALGEB {
-            if (handles.empty()) return ToVexelNULL(kv);
-            ALGEB sequence = NewVexelExpressionSequence(kv, static_cast<int>(handles.size()));
-            for (size_t i = 0; i < handles.size() && !ambrix::pending(call); i++)
-                VexelExpseqAssign(kv, sequence, static_cast<int64_t>(i) + 1, handles[i]);
-            return sequence;
-        });
+        ALGEB *handles;
+        jsize n;
+        jobject result = nullptr;
+        if (readHandles(env, args, &handles, &n)) {
+            result = callProcedure(call, [&](KernelVector kv) -> ALGEB {
+                if (n == 0) return ToVexelNULL(kv);
+                ALGEB sequence = NewVexelExpressionSequence(kv, n);
+                for (jsize i = 0; i < n && !call.pending(); i++)
+                    VexelExpseqAssign(kv, sequence, static_cast<int64_t>(i) + 1, handles[i]);
+                return sequence;
+            });
+        }
+        free(handles);
+        return result;
     });
 }
 
@@ -79,16 +87,15 @@ JNIEXPORT jdouble JNICALL Java_com_quorbit_ambrix_Procedure_executehf(JNIEnv *en
         jsize n = args == nullptr ? 0 : env->GetArrayLength(args);
         jdouble *elements = nullptr;
         if (n > 0 && (elements = env->GetDoubleArrayElements(args, nullptr)) == nullptr) return 0.0;
-        jdouble result = 0.0;
-        call.locked([&] {
+        jdouble result = call.inLock([&]() -> jdouble {
             double *buffer = nullptr;
             if (n > 0) {
                 buffer = static_cast<double *>(VexelAlloc(call.kv(), sizeof(double) * (static_cast<size_t>(n) + 1)));
-                if (buffer == nullptr || ambrix::pending(call)) return;
+                if (buffer == nullptr || call.pending()) return 0.0;
                 buffer[0] = 0.0;
                 for (jsize i = 0; i < n; i++) buffer[i + 1] = elements[i];
             }
-            result = EvalhfVexelProc(call.kv(), call.self, n, buffer);
+            return EvalhfVexelProc(call.kv(), call.self, n, buffer);
         });
         if (elements != nullptr) env->ReleaseDoubleArrayElements(args, elements, 0);
         return result;

@@ -23,7 +23,7 @@ JNIEXPORT void JNICALL Java_com_quorbit_ambrix_Table_assign(JNIEnv *env, jobject
 JNIEXPORT jobject JNICALL Java_com_quorbit_ambrix_Table_select(JNIEnv *env, jobject self, jobject key) {
     return ambrix::valueOp<jobject>(env, self, kTable, {{key, kKey}}, [](Call &call) -> jobject {
         ALGEB entry = VexelTableSelect(call.kv(), call.self, call.args[0]);
-        if (ambrix::pending(call)) return nullptr;
+        if (call.pending()) return nullptr;
         if (entry == nullptr) return ambrix::fail(call.env, "No such key in table"), nullptr;
         return call.wrap(entry);
     });

@@ -17,10 +17,6 @@ namespace ambrix {
 // the kernel gives no buffer.
 jstring toJavaString(JNIEnv *env, CallBackFrontEnd *frontEnd, const char *text);
 
-// True when a kernel call inside a bracket left a Java exception pending:
-// the bracket then makes no further kernel call.
-inline bool pending(const Call &call) { return call.env->ExceptionCheck(); }
-
 // A value method whose whole work is one kernel operation on the receiver.
 // The kernel's answer goes to Java as a boolean (any nonzero answer is
 // true), as a wrapper made in the same bracket (a kernel value), or as a

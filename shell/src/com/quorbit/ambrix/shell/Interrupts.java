@@ -25,6 +25,8 @@ final class Interrupts {
     private final AtomicInteger unanswered = new AtomicInteger();
     private volatile Mode mode = Mode.PROMPT;
     private volatile boolean any;
+    /** A Ctrl-C during a kernel call, whose "^C" the terminal echoed. */
+    private volatile boolean echoed;
 
     Interrupts(InputLines input) {
         this.input = input;
@@ -44,8 +46,13 @@ final class Interrupts {
     void signalled() {
         any = true;
         switch (mode) {
-            case PROMPT, READING -> input.interrupt();
+            case PROMPT -> input.interrupt();
+            case READING -> {
+                echoed = true;
+                input.interrupt();
+            }
             case RUNNING -> {
+                echoed = true;
                 requested.set(true);
                 if (unanswered.incrementAndGet() >= PRESSES_TO_EXIT) {
                     System.out.flush();
@@ -66,6 +73,7 @@ final class Interrupts {
     /** Enters a mode; entering {@link Mode#RUNNING} forgets old requests. */
     void enter(Mode m) {
         if (m == Mode.RUNNING && mode == Mode.PROMPT) {
+            echoed = false;
             requested.set(false);
             unanswered.set(0);
         }
@@ -74,6 +82,13 @@ final class Interrupts {
 
     Mode mode() {
         return mode;
+    }
+
+    /** True if a Ctrl-C arrived during a kernel call since the last call. */
+    boolean takeEchoed() {
+        boolean e = echoed;
+        echoed = false;
+        return e;
     }
 
     /** True if any Ctrl-C arrived since the last call. */

@@ -67,6 +67,9 @@ final class ShellCallBacks implements EngineCallBacks {
     void reportError(String message, int offset) {
         errors++;
         sink.flush();
+        if (interrupts.takeEchoed() && System.console() != null) {
+            terminal.println(); // after the "^C" that the terminal echoed
+        }
         String text = statement;
         boolean located = offset >= 0 && offset <= text.length();
         String where = "";

@@ -8,6 +8,7 @@ import java.io.IOException;
 import java.io.PrintStream;
 import java.nio.charset.StandardCharsets;
 import java.nio.file.Files;
+import java.nio.file.NoSuchFileException;
 import java.nio.file.Path;
 import java.util.ArrayList;
 import java.util.concurrent.TimeUnit;
@@ -50,6 +51,8 @@ public final class VexelShell {
     private final ShellCallBacks callbacks = new ShellCallBacks(out, input, interrupts);
     private Engine engine;
     private boolean stopped;
+    /** A file run was ended by Ctrl-C. */
+    private boolean interrupted;
 
     private VexelShell() {
     }
@@ -79,6 +82,20 @@ public final class VexelShell {
                 files.add(a);
             }
         }
+        // Read the files first, so that a missing one fails before the kernel starts.
+        java.util.List<SourceFile> sources = new ArrayList<>();
+        for (String name : files) {
+            try {
+                sources.add(new SourceFile(new File(name).getName(),
+                        Files.readAllLines(Path.of(name), StandardCharsets.UTF_8)));
+            } catch (NoSuchFileException e) {
+                System.err.println("vexel: " + name + ": no such file");
+                return 2;
+            } catch (IOException | RuntimeException e) {
+                System.err.println("vexel: cannot read " + name + ": " + e);
+                return 2;
+            }
+        }
         interrupts.install();
         try {
             engine = new Engine(kernelArgs.toArray(new String[0]), callbacks, null);
@@ -92,7 +109,7 @@ public final class VexelShell {
         }
         int status;
         try {
-            status = files.isEmpty() ? interactive() : runFiles(files);
+            status = sources.isEmpty() ? interactive() : runFiles(sources);
         } finally {
             try {
                 engine.stop();
@@ -156,27 +173,23 @@ public final class VexelShell {
         return 0;
     }
 
+    /** A file of statements: its name for messages, and its lines. */
+    private record SourceFile(String label, java.util.List<String> lines) {
+    }
+
     /** Runs the statements of the files in order. */
-    private int runFiles(java.util.List<String> files) {
-        for (String name : files) {
-            java.util.List<String> lines;
-            try {
-                lines = Files.readAllLines(Path.of(name), StandardCharsets.UTF_8);
-            } catch (IOException | RuntimeException e) {
-                System.err.println("vexel: cannot read " + name + ": " + e.getMessage());
-                return 2;
-            }
-            String label = new File(name).getName();
+    private int runFiles(java.util.List<SourceFile> files) {
+        for (SourceFile file : files) {
             StatementScanner scanner = new StatementScanner();
-            for (String line : lines) {
+            for (String line : file.lines()) {
                 for (StatementScanner.Statement s : scanner.addLine(line)) {
-                    if (!runStatement(s, label)) {
+                    if (!runStatement(s, file.label())) {
                         return exitStatus();
                     }
                 }
             }
             StatementScanner.Statement rest = scanner.takeRest();
-            if (rest != null && !runStatement(rest, label)) {
+            if (rest != null && !runStatement(rest, file.label())) {
                 return exitStatus();
             }
         }
@@ -188,13 +201,16 @@ public final class VexelShell {
         evaluate(s, label);
         if (interrupts.takeAny()) {
             System.err.println("vexel: interrupted");
-            callbacks.close();
-            System.exit(130);
+            interrupted = true;
+            return false;
         }
         return !stopped;
     }
 
     private int exitStatus() {
+        if (interrupted) {
+            return 130;
+        }
         return callbacks.errorCount() > 0 ? 1 : 0;
     }
 
