@@ -63,58 +63,63 @@ jfieldID algebraicDagField(JNIEnv *env) {
     return env->GetFieldID(algebraic, "dag", "J");
 }
 
+// What a pass does to one wrapper (null for a null element); false when the
+// wrapper could not be handled, which the pass reports after the others.
+typedef bool (*Visit)(JNIEnv *env, CallBackFrontEnd *frontEnd, jobject wrapper, jfieldID dagField);
+
+enum class Walk { Stopped, Done, Missed };
+
+// Visits every wrapper of a snapshot of the store's keys. Stopped: an
+// exception is pending; Missed: some wrapper could not be handled.
+Walk eachWrapper(JNIEnv *env, CallBackFrontEnd *frontEnd, jclass *storeClass, Visit visit) {
+    jobjectArray keys = readKeys(env, frontEnd->liveAlgebStore, storeClass);
+    if (keys == nullptr) return Walk::Stopped;
+    jsize length = env->GetArrayLength(keys);
+    if (env->ExceptionCheck()) return Walk::Stopped;
+    jfieldID dagField = algebraicDagField(env);
+    if (dagField == nullptr) return Walk::Stopped;
+    bool missed = false;
+    for (jsize i = 0; i < length; i++) {
+        jobject wrapper = env->GetObjectArrayElement(keys, i);
+        if (env->ExceptionCheck()) return Walk::Stopped;
+        missed |= !visit(env, frontEnd, wrapper, dagField);
+        env->DeleteLocalRef(wrapper);
+        if (env->ExceptionCheck()) return Walk::Stopped;
+    }
+    return missed ? Walk::Missed : Walk::Done;
+}
+
+bool markOne(JNIEnv *env, CallBackFrontEnd *frontEnd, jobject wrapper, jfieldID dagField) {
+    jlong dag = wrapper == nullptr ? 0 : env->GetLongField(wrapper, dagField);
+    if (dag != 0) VexelGcMark(frontEnd->kernelVector, reinterpret_cast<ALGEB>(dag));
+    return dag != 0;
+}
+
+bool disposeOne(JNIEnv *env, CallBackFrontEnd *, jobject wrapper, jfieldID dagField) {
+    if (wrapper != nullptr) env->SetLongField(wrapper, dagField, 0);
+    return wrapper != nullptr;
+}
+
 // Marks the value of every registered wrapper. A wrapper whose handle is 0
 // is passed over and reported once all others are marked.
 void markKeys(JNIEnv *env, CallBackFrontEnd *frontEnd) {
     jclass storeClass;
-    jobjectArray keys = readKeys(env, frontEnd->liveAlgebStore, &storeClass);
-    if (keys == nullptr) return;
-    jsize length = env->GetArrayLength(keys);
-    if (env->ExceptionCheck()) return;
-    jfieldID dagField = algebraicDagField(env);
-    if (dagField == nullptr) return;
-    bool missing = false;
-    for (jsize i = 0; i < length; i++) {
-        jobject wrapper = env->GetObjectArrayElement(keys, i);
-        if (env->ExceptionCheck()) return;
-        jlong dag = wrapper == nullptr ? 0 : env->GetLongField(wrapper, dagField);
-        if (dag != 0)
-            VexelGcMark(frontEnd->kernelVector, reinterpret_cast<ALGEB>(dag));
-        else
-            missing = true;
-        env->DeleteLocalRef(wrapper);
-    }
-    if (missing) failed(env, "could not extract dag from Algebraic");
+    if (eachWrapper(env, frontEnd, &storeClass, markOne) == Walk::Missed)
+        failed(env, "could not extract dag from Algebraic");
 }
 
 // Zeroes the handle of every registered wrapper, then empties the store.
 void disposeKeys(JNIEnv *env, CallBackFrontEnd *frontEnd) {
-    jobject store = frontEnd->liveAlgebStore;
     jclass storeClass;
-    jobjectArray keys = readKeys(env, store, &storeClass);
-    if (keys == nullptr) return;
-    jsize length = env->GetArrayLength(keys);
-    if (env->ExceptionCheck()) return;
-    jfieldID dagField = algebraicDagField(env);
-    if (dagField == nullptr) return;
-    bool missing = false;
-    for (jsize i = 0; i < length; i++) {
-        jobject wrapper = env->GetObjectArrayElement(keys, i);
-        if (env->ExceptionCheck()) return;
-        if (wrapper == nullptr) {
-            missing = true;
-            continue;
-        }
-        env->SetLongField(wrapper, dagField, 0);
-        env->DeleteLocalRef(wrapper);
-    }
+    Walk walk = eachWrapper(env, frontEnd, &storeClass, disposeOne);
+    if (walk == Walk::Stopped) return;
     jmethodID clear = env->GetMethodID(storeClass, "clear", "()V");
     if (clear == nullptr) {
         failed(env, "could not get clear method for java.util.WeakHashMap");
         return;
     }
-    env->CallVoidMethod(store, clear);
-    if (!env->ExceptionCheck() && missing) failed(env, "could not access Element");
+    env->CallVoidMethod(frontEnd->liveAlgebStore, clear);
+    if (!env->ExceptionCheck() && walk == Walk::Missed) failed(env, "could not access Element");
 }
 
 // Runs one pass inside a local frame; a pass that stops early still pops it.

@@ -158,20 +158,46 @@ int convertArg(Held &held, jobject arg, ALGEB *slot) {
     return 0;
 }
 
+// The steps that read an exception's text, with their messages.
+struct TextSteps {
+    const char *noClass;
+    const char *method;
+    const char *noMethod;
+    const char *noText;
+    const char *noChars;
+};
+
+const TextSteps kVexelMessage{"Could not get VexelException's class", "getMessage",
+                              "Error getting VexelException.getMessage", "Error calling VexelException.getMessage",
+                              "Could not convert exception to string"};
+const TextSteps kOtherText{"Could not get Exception's class", "toString", "Error getting Exception.toString",
+                           "Error calling Exception.toString", "Could not convert to string"};
+
+// Calls the exception's text method and holds the text's characters in
+// `held` (given back by the raise). Yields nonzero when it raised.
+int holdText(Held &held, jthrowable exc, const TextSteps &steps, jclass *cls) {
+    JNIEnv *env = held.env;
+    *cls = env->GetObjectClass(exc);
+    if (failedStep(env, *cls)) return raise(held, steps.noClass);
+    keep(held, *cls);
+    jmethodID method = env->GetMethodID(*cls, steps.method, "()Ljava/lang/String;");
+    if (failedStep(env, method)) return raise(held, steps.noMethod);
+    auto text = static_cast<jstring>(env->CallObjectMethod(exc, method));
+    if (failedStep(env, text)) return raise(held, steps.noText);
+    keep(held, text);
+    const jchar *chars = env->GetStringChars(text, nullptr);
+    if (failedStep(env, chars)) return raise(held, steps.noChars);
+    held.string = text;
+    held.chars = chars;
+    return 0;
+}
+
 int raiseVexelException(Held &held, jthrowable exc) {
     JNIEnv *env = held.env;
-    jclass cls = env->GetObjectClass(exc);
-    if (failedStep(env, cls)) return raise(held, "Could not get VexelException's class");
-    keep(held, cls);
-    jmethodID getMessage = env->GetMethodID(cls, "getMessage", "()Ljava/lang/String;");
-    if (failedStep(env, getMessage)) return raise(held, "Error getting VexelException.getMessage");
-    auto message = static_cast<jstring>(env->CallObjectMethod(exc, getMessage));
-    if (failedStep(env, message)) return raise(held, "Error calling VexelException.getMessage");
-    keep(held, message);
-    const jchar *chars = env->GetStringChars(message, nullptr);
-    if (failedStep(env, chars)) return raise(held, "Could not convert exception to string");
-    held.string = message;
-    held.chars = chars;
+    jclass cls;
+    if (int raised = holdText(held, exc, kVexelMessage, &cls)) return raised;
+    jstring message = held.string;
+    const jchar *chars = held.chars;
     jmethodID getArgCount = env->GetMethodID(cls, "getArgCount", "()I");
     if (failedStep(env, getArgCount)) return raise(held, "Error getting VexelException.getArgCount");
     jint n = env->CallIntMethod(exc, getArgCount);
@@ -201,20 +227,10 @@ int raiseVexelException(Held &held, jthrowable exc) {
 }
 
 int raiseOtherException(Held &held, jthrowable exc) {
-    JNIEnv *env = held.env;
-    jclass cls = env->GetObjectClass(exc);
-    if (failedStep(env, cls)) return raise(held, "Could not get Exception's class");
-    keep(held, cls);
-    jmethodID toString = env->GetMethodID(cls, "toString", "()Ljava/lang/String;");
-    if (failedStep(env, toString)) return raise(held, "Error getting Exception.toString");
-    auto s = static_cast<jstring>(env->CallObjectMethod(exc, toString));
-    if (failedStep(env, s)) return raise(held, "Error calling Exception.toString");
-    keep(held, s);
-    const jchar *chars = env->GetStringChars(s, nullptr);
-    if (failedStep(env, chars)) return raise(held, "Could not convert to string");
-    char *text = kernelCopy(env, held.kv, s, chars);
-    env->ReleaseStringChars(s, chars);
-    return raise(held, text != nullptr ? text : "Could not convert to string");
+    jclass cls;
+    if (int raised = holdText(held, exc, kOtherText, &cls)) return raised;
+    char *text = kernelCopy(held.env, held.kv, held.string, held.chars);
+    return raise(held, text != nullptr ? text : kOtherText.noChars);
 }
 
 }  // namespace

@@ -81,29 +81,21 @@ class LiveStoreTest {
     }
 
     @Test
-    void withoutAnEngineTheStoreRefuses() {
+    void withoutAnEngineTheStoreRefuses() throws Throwable {
         assertVexel("Engine is void", () -> new Algebraic(1, 0));
         Algebraic value = eval("[1];");
-        long id = value.kernelID;
-        value.kernelID = 0;
-        try {
+        Checks.withoutEngine(value, () -> {
             assertVexel("Engine is void", value::removeFromLiveAlgebStore);
             assertVexel("Engine is void", value::addToLiveAlgebStore);
-        } finally {
-            value.kernelID = id;
-        }
+        });
     }
 
     @Test
-    void aDisposedWrapperFailsBeforeReachingTheKernel() {
+    void aDisposedWrapperFailsBeforeReachingTheKernel() throws Throwable {
         Algebraic value = eval("[1];");
-        long dag = value.dag;
-        value.dag = 0;
-        try {
+        Checks.withoutHandle(value, () -> {
             assertVexel("this Algebraic has been disposed", value::toString);
             assertVexel("this Algebraic has been disposed", value::isNULL);
-        } finally {
-            value.dag = dag;
-        }
+        });
     }
 }

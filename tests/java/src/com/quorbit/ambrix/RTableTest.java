@@ -103,7 +103,7 @@ class RTableTest {
     }
 
     @Test
-    void elementAccessMessages() {
+    void elementAccessMessages() throws Throwable {
         DoubleRTable t = (DoubleRTable) table("float[8]");
         assertVexel("At least one index expected", () -> t.select(null));
         assertVexel("At least one index expected", () -> t.assign(new int[0], 1.0));
@@ -114,22 +114,14 @@ class RTableTest {
         AlgebraicRTable any = (AlgebraicRTable) table("anything");
         // The value is checked before the engine and the index.
         assertVexel("Value is NULL", () -> any.assign(null, null));
-        long id = any.kernelID;
-        any.kernelID = 0;
-        try {
+        Checks.withoutEngine(any, () -> {
             assertVexel("KernelVector is NULL", () -> any.select(null));
             assertVexel("KernelVector is NULL", any::numElements);
             assertVexel("CallBackFrontEnd is NULL", any::copy);
-        } finally {
-            any.kernelID = id;
-        }
-        long dag = any.dag;
-        any.dag = 0;
-        try {
+        });
+        Checks.withoutHandle(any, () -> {
             assertVexel("this Algebraic has been disposed", () -> any.select(AT));
-        } finally {
-            any.dag = dag;
-        }
+        });
     }
 
     @Test

@@ -158,7 +158,7 @@ class ValueTest {
     }
 
     @Test
-    void disposedWrappersFailInEveryClass() {
+    void disposedWrappersFailInEveryClass() throws Throwable {
         Algebraic[] values = {eval("5;"), eval("2+I;"), eval("someName;"), eval("[1];"), eval("1, 2;"),
             eval("\"s\";"), eval("table();"), eval("proc() 1 end proc;")};
         Executable[] calls = {
@@ -168,27 +168,18 @@ class ValueTest {
             () -> ((Table) values[6]).has(values[0]), () -> ((Procedure) values[7]).execute((Expseq) null),
         };
         for (int i = 0; i < values.length; i++) {
-            long dag = values[i].dag;
-            values[i].dag = 0;
-            try {
-                assertVexel("this Algebraic has been disposed", calls[i]);
-            } finally {
-                values[i].dag = dag;
-            }
+            Executable call = calls[i];
+            Checks.withoutHandle(values[i], () -> assertVexel("this Algebraic has been disposed", call));
         }
         // A disposed argument fails the same way.
         Name target = ENGINE.newName("disposedTarget", true);
-        long dag = values[0].dag;
-        values[0].dag = 0;
-        try {
+        Checks.withoutHandle(values[0], () -> {
             assertVexel("this Algebraic has been disposed", () -> target.assign(values[0]));
-        } finally {
-            values[0].dag = dag;
-        }
+        });
     }
 
     @Test
-    void missingEngineMessages() {
+    void missingEngineMessages() throws Throwable {
         Algebraic[] values = {eval("5;"), eval("2+I;"), eval("[1];"), eval("\"s\";"), eval("1, 2;")};
         String[] messages = {"Kernel Vector is NULL", "CallBackFrontEnd is NULL", "Kernel Vector is NULL",
             "Kernel Vector is NULL", "CallBackFrontEnd is NULL"};
@@ -198,23 +189,15 @@ class ValueTest {
             () -> ((Expseq) values[4]).select(1),
         };
         for (int i = 0; i < values.length; i++) {
-            long id = values[i].kernelID;
-            values[i].kernelID = 0;
-            try {
-                assertVexel(messages[i], calls[i]);
-            } finally {
-                values[i].kernelID = id;
-            }
+            String message = messages[i];
+            Executable call = calls[i];
+            Checks.withoutEngine(values[i], () -> assertVexel(message, call));
         }
         Algebraic a = eval("x;");
-        long id = a.kernelID;
-        a.kernelID = 0;
-        try {
+        Checks.withoutEngine(a, () -> {
             assertVexel("CallBackFrontEnd is NULL", a::eval);
             assertVexel("Engine is NULL", a::evalhf);
             assertVexel("KernelVector is NULL", a::isSet);
-        } finally {
-            a.kernelID = id;
-        }
+        });
     }
 }
