@@ -16,8 +16,11 @@ using namespace vx;
 
 namespace {
 
-std::recursive_mutex g_mutex;
-std::vector<std::unique_ptr<Kernel>> g_kernels;  // every kernel ever started; stopped ones stay
+// Every kernel ever started; stopped ones stay, so that their vectors stay
+// recognisable. Never destroyed: the embedder may still call in while the
+// process exits.
+std::vector<std::unique_ptr<Kernel>> &g_kernels = *new std::vector<std::unique_ptr<Kernel>>;
+std::recursive_mutex &g_mutex = *new std::recursive_mutex;
 Kernel *g_starting = nullptr;                     // the kernel inside StartVexel
 Kernel *g_running = nullptr;
 
@@ -60,6 +63,7 @@ void report(Kernel &k, int64_t offset, const std::string &msg) {
     }
     if (!k.cb.errorCallBack) return;
     Scope scope(&k);
+    if (k.depth == 1) set_stack_limit();
     k.reporting = true;
     try {
         k.cb.errorCallBack(k.data, offset, msg.c_str());
@@ -91,6 +95,7 @@ R guarded(const char *fn, KernelVector kv, R zero, F &&body) {
     if (k->depth > 1) return body();  // nested: an error unwinds to the outer operation
     k->op_roots.clear();
     k->inuse_begin = k->serial;
+    set_stack_limit();
     try {
         return body();
     } catch (VexelError &e) {
@@ -242,6 +247,7 @@ KernelVector StartVexel(int argc, char *argv[], VexelCallBacks *callbacks, void 
     std::string err;
     {
         Scope scope(kp);
+        set_stack_limit();
         try {
             make_permanent_values();
             if (!kp->quiet) text_out(VEXEL_TEXT_OUTPUT, "Vexel stand-in kernel 1.0 (a test double with a small language)");

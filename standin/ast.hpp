@@ -101,6 +101,7 @@ private:
     void expect_kw(const char *kw);
     [[noreturn]] void unexpected();
     bool at_block_end();
+    void nest_check(int64_t pos);
 
     NodeP statement();
     NodeP block(const char *closer);

@@ -178,6 +178,7 @@ struct Kernel {
     H sfloat_name = 0;
 
     std::string help_msg;
+    uintptr_t stack_limit = 0;  // the outermost operation fails below this stack address
     std::string start_error;
     ~Kernel();
 };
@@ -202,6 +203,11 @@ void *block_alloc(size_t n);
 void gc_mark(H h);
 void gc_protect(H h);
 void unique_forget_all();
+// Raises "too many levels of recursion" once the operation in progress uses
+// too much stack: deeply nested values and statements must not crash the host.
+void stack_check();
+// Sets the limit for an outermost operation that begins here.
+void set_stack_limit();
 
 // ---- values (values.cpp) ----
 H mk_int(int64_t v);

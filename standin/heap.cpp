@@ -6,6 +6,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include <pthread.h>
+
 namespace vx {
 
 Kernel *K = nullptr;
@@ -19,6 +21,40 @@ static uint32_t next_gen(uint32_t g) {
     if (n == 0) n = 1;
     g_max_gen = n;
     return n;
+}
+
+// The lowest address of the calling thread's stack, 0 when unknown.
+static uintptr_t thread_stack_low() {
+    thread_local uintptr_t low = 0;
+    thread_local bool known = false;
+    if (!known) {
+        known = true;
+        pthread_attr_t attr;
+        if (pthread_getattr_np(pthread_self(), &attr) == 0) {
+            void *addr = nullptr;
+            size_t size = 0;
+            if (pthread_attr_getstack(&attr, &addr, &size) == 0) low = reinterpret_cast<uintptr_t>(addr);
+            pthread_attr_destroy(&attr);
+        }
+    }
+    return low;
+}
+
+void set_stack_limit() {
+    // Leave room below the limit for the embedder's callbacks (a Java thread
+    // has 1 MB of stack by default), and never use more than 64 MB.
+    constexpr uintptr_t kMargin = 256 * 1024, kMax = 64 * 1024 * 1024, kFallback = 384 * 1024;
+    uintptr_t here = reinterpret_cast<uintptr_t>(__builtin_frame_address(0));
+    uintptr_t low = thread_stack_low();
+    uintptr_t limit = here > kMax ? here - kMax : 0;
+    if (low && low + kMargin > limit) limit = low + kMargin;
+    if (!low) limit = here > kFallback ? here - kFallback : 0;
+    K->stack_limit = limit;
+}
+
+void stack_check() {
+    uintptr_t here = reinterpret_cast<uintptr_t>(__builtin_frame_address(0));
+    if (here < K->stack_limit) fail("too many levels of recursion");
 }
 
 void fail(std::string msg) { throw VexelError{std::move(msg), -1}; }
@@ -71,6 +107,11 @@ H alloc(Kind k, std::unique_ptr<Obj> o) {
 
 static void free_slot(uint32_t idx) {
     Slot &s = K->slots[idx];
+    if (s.kind == Kind::String) {
+        // Text handed out by VexelToString dies with the value: make a stale read visible.
+        std::string &text = static_cast<StringObj &>(*s.obj).s;
+        std::memset(text.data(), 0xDD, text.size());
+    }
     s.obj.reset();  // the cell's memory goes back to the allocator: a stale use shows up under ASan
     s.kind = Kind::Dead;
     s.mark = false;

@@ -5,6 +5,7 @@
 
 #include <charconv>
 #include <cmath>
+#include <cstdlib>
 #include <ctime>
 #include <functional>
 
@@ -490,11 +491,11 @@ const std::unordered_map<std::string, Builtin> &builtins() {
 H seq_special(const Node &call) {
     if (call.kids.size() != 3) fail_at("seq expects an expression and a variable = range", call.pos);
     const Node &body = *call.kids[1];
-    const Node &spec = *call.kids[2];
-    if (spec.t != NT::Bin || spec.op != BinOp::Eq || spec.kids[0]->t != NT::Name)
-        fail_at("seq expects a variable = range", spec.pos);
-    const std::string &var = spec.kids[0]->text;
-    H over = eval(*spec.kids[1]);
+    const Node &range_arg = *call.kids[2];
+    if (range_arg.t != NT::Bin || range_arg.op != BinOp::Eq || range_arg.kids[0]->t != NT::Name)
+        fail_at("seq expects a variable = range", range_arg.pos);
+    const std::string &var = range_arg.kids[0]->text;
+    H over = eval(*range_arg.kids[1]);
     std::vector<H> out;
     if (kind_of(over) == Kind::Expr && obj<ExprObj>(over).op == Op::Range) {
         int64_t lo = small_int(obj<ExprObj>(over).ops[0], "the range start");
@@ -516,7 +517,7 @@ H seq_special(const Node &call) {
     return out.size() == 1 ? out[0] : mk_seq(out);
 }
 
-H eval_bin(const Node &n, bool quoted) {
+[[gnu::noinline]] H eval_bin(const Node &n, bool quoted) {
     BinOp op = n.op;
     if (op == BinOp::And || op == BinOp::Or) {
         H a = eval(*n.kids[0], quoted);
@@ -572,91 +573,98 @@ H eval_int(const std::string &text) {
     return mk_int(mpz_class(text));
 }
 
-int g_eval_depth = 0;
+// The cases of eval live in functions of their own, so that the frame of the
+// recursive eval stays small (it matters under the sanitizers).
+[[gnu::noinline]] H eval_number(const Node &n) {
+    if (n.t == NT::Int) return eval_int(n.text);
+    double d = 0;
+    auto r = std::from_chars(n.text.data(), n.text.data() + n.text.size(), d);
+    if (r.ec == std::errc::result_out_of_range) d = std::strtod(n.text.c_str(), nullptr);
+    return mk_float(d);
+}
 
-struct DepthCheck {
-    DepthCheck() {
-        if (++g_eval_depth > 2000) {
-            --g_eval_depth;
-            fail("too many levels of recursion");
-        }
+[[gnu::noinline]] H eval_elements(const Node &n, bool quoted) {
+    std::vector<H> v;
+    for (auto &k : n.kids) v.push_back(eval(*k, quoted));
+    v = flatten(v);
+    for (H h : v)
+        if (!h) fail("unfilled element in a sequence");
+    if (n.t == NT::List) return mk_list(v);
+    if (n.t == NT::Set) return mk_set(v);
+    if (v.empty()) return K->null_val;
+    return v.size() == 1 ? v[0] : mk_seq(v);
+}
+
+[[gnu::noinline]] H eval_unary(const Node &n, bool quoted) {
+    H a = eval(*n.kids[0], quoted);
+    if (n.t == NT::Neg) {
+        no_seq(a);
+        return negate(a);
     }
-    ~DepthCheck() { --g_eval_depth; }
-};
+    auto t = truth_maybe(a);
+    return t ? mk_bool(!*t) : mk_expr(Op::Not, {a});
+}
+
+[[gnu::noinline]] H eval_call(const Node &n, bool quoted) {
+    const Node &f = *n.kids[0];
+    if (!quoted && f.t == NT::Name && f.text == "seq" && !frame_var("seq") && !obj<NameObj>(global_name("seq")).value)
+        return seq_special(n);
+    H fn = eval(f, quoted);
+    std::vector<H> args;
+    for (size_t i = 1; i < n.kids.size(); ++i) args.push_back(eval(*n.kids[i], quoted));
+    args = flatten(args);
+    if (quoted) {
+        args.insert(args.begin(), fn);
+        return mk_expr(Op::Call, args);
+    }
+    return call_function(fn, args);
+}
+
+[[gnu::noinline]] H eval_index(const Node &n, bool quoted) {
+    const Node &b = *n.kids[0];
+    H base = eval(b, quoted);
+    std::vector<H> idx;
+    for (size_t i = 1; i < n.kids.size(); ++i) idx.push_back(eval(*n.kids[i], quoted));
+    idx = flatten(idx);
+    H base_name = b.t == NT::Name ? name_cell(b.text) : 0;
+    return index_value(base, idx, base_name);
+}
+
+[[gnu::noinline]] H eval_proc(const Node &n) {
+    auto o = std::make_unique<ProcObj>();
+    o->def = n.proc;
+    return alloc(Kind::Proc, std::move(o));
+}
 
 H eval(const Node &n, bool quoted) {
-    DepthCheck depth;
+    stack_check();
     switch (n.t) {
         case NT::Int:
-            return eval_int(n.text);
-        case NT::Float: {
-            double d = 0;
-            std::from_chars(n.text.data(), n.text.data() + n.text.size(), d);
-            return mk_float(d);
-        }
+        case NT::Float:
+            return eval_number(n);
         case NT::Str:
             return mk_string(n.text);
         case NT::Name:
-            if (quoted) return name_cell(n.text);
-            return lookup(n.text);
+            return quoted ? name_cell(n.text) : lookup(n.text);
         case NT::Seq:
         case NT::List:
-        case NT::Set: {
-            std::vector<H> v;
-            for (auto &k : n.kids) v.push_back(eval(*k, quoted));
-            v = flatten(v);
-            for (H h : v)
-                if (!h) fail("unfilled element in a sequence");
-            if (n.t == NT::List) return mk_list(v);
-            if (n.t == NT::Set) return mk_set(v);
-            if (v.empty()) return K->null_val;
-            return v.size() == 1 ? v[0] : mk_seq(v);
-        }
+        case NT::Set:
+            return eval_elements(n, quoted);
         case NT::Bin:
             return eval_bin(n, quoted);
-        case NT::Neg: {
-            H a = eval(*n.kids[0], quoted);
-            no_seq(a);
-            return negate(a);
-        }
-        case NT::Not: {
-            H a = eval(*n.kids[0], quoted);
-            auto t = truth_maybe(a);
-            return t ? mk_bool(!*t) : mk_expr(Op::Not, {a});
-        }
-        case NT::Call: {
-            const Node &f = *n.kids[0];
-            if (!quoted && f.t == NT::Name && f.text == "seq" && !frame_var("seq") &&
-                !obj<NameObj>(global_name("seq")).value)
-                return seq_special(n);
-            H fn = eval(f, quoted);
-            std::vector<H> args;
-            for (size_t i = 1; i < n.kids.size(); ++i) args.push_back(eval(*n.kids[i], quoted));
-            args = flatten(args);
-            if (quoted) {
-                args.insert(args.begin(), fn);
-                return mk_expr(Op::Call, args);
-            }
-            return call_function(fn, args);
-        }
-        case NT::Index: {
-            const Node &b = *n.kids[0];
-            H base = eval(b, quoted);
-            std::vector<H> idx;
-            for (size_t i = 1; i < n.kids.size(); ++i) idx.push_back(eval(*n.kids[i], quoted));
-            idx = flatten(idx);
-            H base_name = b.t == NT::Name ? name_cell(b.text) : 0;
-            return index_value(base, idx, base_name);
-        }
+        case NT::Neg:
+        case NT::Not:
+            return eval_unary(n, quoted);
+        case NT::Call:
+            return eval_call(n, quoted);
+        case NT::Index:
+            return eval_index(n, quoted);
         case NT::Quote: {
             H v = eval(*n.kids[0], true);
             return quoted ? mk_expr(Op::Uneval, {v}) : v;
         }
-        case NT::Proc: {
-            auto o = std::make_unique<ProcObj>();
-            o->def = n.proc;
-            return alloc(Kind::Proc, std::move(o));
-        }
+        case NT::Proc:
+            return eval_proc(n);
         default:
             fail_at("internal error: not an expression", n.pos);
     }
@@ -675,7 +683,7 @@ Flow run_body(const Node &body, Exec &x, Flow &out) {
     return Flow::Normal;  // Normal or Next: go on with the loop
 }
 
-Flow exec_for(const Node &s, Exec &x) {
+[[gnu::noinline]] Flow exec_for(const Node &s, Exec &x) {
     const std::string &var = s.text;
     const Node *from = s.kids[0].get(), *by = s.kids[1].get(), *to = s.kids[2].get(), *cond = s.kids[3].get(),
                *in = s.kids[4].get(), *body = s.kids[5].get();
@@ -707,11 +715,11 @@ Flow exec_for(const Node &s, Exec &x) {
     bool up = !(compare(step, imm(0)) < 0 && is_real(step) && to_double(step) < 0);
     for (;;) {
         poll_interrupt();
+        set_var(var, i);  // after the loop the variable holds the first value past the end
         if (end) {
             H c = up ? relation(Op::Le, i, end) : relation(Op::Le, end, i);
             if (!truth(c)) break;
         }
-        set_var(var, i);
         if (cond && !truth(eval(*cond))) break;
         if (run_body(*body, x, out) == Flow::Break) break;
         i = add(i, step);
@@ -719,7 +727,45 @@ Flow exec_for(const Node &s, Exec &x) {
     return out;
 }
 
+[[gnu::noinline]] Flow exec_assign(const Node &s, Exec &x) {
+    const Node &target = *s.kids[0];
+    if (target.t == NT::Seq) {
+        std::vector<H> vals = flatten({eval(*s.kids[1])});
+        if (vals.size() != target.kids.size()) fail_at("the numbers of targets and values differ", s.pos);
+        for (size_t i = 0; i < vals.size(); ++i) assign_to(*target.kids[i], vals[i]);
+    } else {
+        assign_to(target, eval(*s.kids[1]));
+    }
+    x.val = 0;
+    return Flow::Normal;
+}
+
+[[gnu::noinline]] Flow exec_restart(const Node &s, Exec &x, bool restart_ok) {
+    if (!restart_ok || K->depth != 1 || !K->frames.empty())
+        fail_at("restart is only allowed as a top-level statement", s.pos);
+    std::optional<VexelError> err;
+    try {
+        discard_all(true);
+    } catch (VexelError &e) {
+        err = e;
+    }
+    make_permanent_values();
+    if (K->restart_cb) K->restart_cb(K->data);
+    if (err) throw *err;
+    x.val = 0;
+    return Flow::Normal;
+}
+
+[[noreturn, gnu::noinline]] void exec_error(const Node &s) {
+    std::vector<H> a;
+    if (!s.kids.empty()) a = flatten({eval(*s.kids[0])});
+    if (a.empty()) fail("error");
+    if (is_string(a[0])) fail(format_message(string_of(a[0]), std::vector<H>(a.begin() + 1, a.end())));
+    fail(join_printed(a));
+}
+
 Flow exec(const Node &s, Exec &x) {
+    stack_check();
     bool restart_ok = g_restart_ok;
     g_restart_ok = false;
     switch (s.t) {
@@ -732,18 +778,8 @@ Flow exec(const Node &s, Exec &x) {
             print_nested(v);
             return Flow::Normal;
         }
-        case NT::Assign: {
-            const Node &target = *s.kids[0];
-            if (target.t == NT::Seq) {
-                std::vector<H> vals = flatten({eval(*s.kids[1])});
-                if (vals.size() != target.kids.size()) fail_at("the numbers of targets and values differ", s.pos);
-                for (size_t i = 0; i < vals.size(); ++i) assign_to(*target.kids[i], vals[i]);
-            } else {
-                assign_to(target, eval(*s.kids[1]));
-            }
-            x.val = 0;
-            return Flow::Normal;
-        }
+        case NT::Assign:
+            return exec_assign(s, x);
         case NT::Block:
             for (auto &k : s.kids) {
                 Flow f = exec(*k, x);
@@ -769,32 +805,14 @@ Flow exec(const Node &s, Exec &x) {
             return Flow::Break;
         case NT::Next:
             return Flow::Next;
-        case NT::Restart: {
-            if (!restart_ok || K->depth != 1 || !K->frames.empty())
-                fail_at("restart is only allowed as a top-level statement", s.pos);
-            std::optional<VexelError> err;
-            try {
-                discard_all(true);
-            } catch (VexelError &e) {
-                err = e;
-            }
-            make_permanent_values();
-            if (K->restart_cb) K->restart_cb(K->data);
-            if (err) throw *err;
-            x.val = 0;
-            return Flow::Normal;
-        }
+        case NT::Restart:
+            return exec_restart(s, x, restart_ok);
         case NT::Quit:
             if (!K->frames.empty()) fail_at("quit is only allowed outside procedures", s.pos);
             x.val = K->stop_val;
             return Flow::Quit;
-        case NT::Error: {
-            std::vector<H> a;
-            if (!s.kids.empty()) a = flatten({eval(*s.kids[0])});
-            if (a.empty()) fail("error");
-            if (is_string(a[0])) fail(format_message(string_of(a[0]), std::vector<H>(a.begin() + 1, a.end())));
-            fail(join_printed(a));
-        }
+        case NT::Error:
+            exec_error(s);
         default:
             fail_at("internal error: not a statement", s.pos);
     }

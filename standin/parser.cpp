@@ -35,6 +35,14 @@ static NodeP bin(BinOp op, NodeP a, NodeP b, int64_t pos) {
 
 Parser::Parser(const std::string &src) : src_(src) {}
 
+void Parser::nest_check(int64_t pos) {
+    try {
+        stack_check();
+    } catch (VexelError &) {
+        fail_at("syntax error: nested too deeply", pos);
+    }
+}
+
 void Parser::skip_space() {
     while (i_ < src_.size()) {
         char c = src_[i_];
@@ -194,6 +202,7 @@ std::string Parser::name_token() {
 NodeP Parser::statement() {
     const Tok &t = peek();
     int64_t pos = t.pos;
+    nest_check(pos);
     if (t.k == Tk::End || is_punct(";") || is_punct(":")) return node(NT::Empty, pos);
     if (t.k == Tk::Name) {
         if (accept_kw("if")) return if_stmt(pos);
@@ -308,6 +317,7 @@ NodeP Parser::seq_expr() {
 
 NodeP Parser::expr() {
     int64_t pos = peek().pos;
+    nest_check(pos);
     NodeP lhs = or_expr();
     if (!accept_punct("->")) return lhs;
     auto def = std::make_shared<ProcDef>();
@@ -412,6 +422,7 @@ NodeP Parser::mul_expr() {
 }
 
 NodeP Parser::unary_expr() {
+    nest_check(peek().pos);
     if (is_punct("-")) {
         int64_t pos = take().pos;
         auto n = node(NT::Neg, pos);

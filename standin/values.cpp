@@ -276,6 +276,7 @@ static int cmp_vec(const std::vector<H> &a, const std::vector<H> &b) {
 
 int compare(H a, H b) {
     if (a == b) return 0;
+    stack_check();
     int ra = rank(a), rb = rank(b);
     if (ra != rb) return ra < rb ? -1 : 1;
     if (ra < 0) return 0;
@@ -343,6 +344,7 @@ static uint64_t hash_mpz(const mpz_class &z) {
 
 uint64_t hash_of(H h) {
     if (h == 0) return 0;
+    stack_check();
     switch (kind_of(h)) {
         case Kind::Int:
             return mix(1, uint64_t(imm_val(h)));
@@ -399,6 +401,8 @@ static void parts(H h, H &re, H &im) {
     }
 }
 
+static void check_product_size(const mpq_class &x, const mpq_class &y);
+
 static H real_add(H a, H b) {
     if (is_imm(a) && is_imm(b)) {
         int64_t r;
@@ -406,7 +410,17 @@ static H real_add(H a, H b) {
     }
     if (is_float(a) || is_float(b)) return mk_float(to_double(a) + to_double(b));
     if (is_int(a) && is_int(b)) return mk_int(mpz_class(to_mpz(a) + to_mpz(b)));
-    return mk_rat(to_mpq(a) + to_mpq(b));
+    mpq_class x = to_mpq(a), y = to_mpq(b);
+    check_product_size(x, y);  // a sum of fractions multiplies the denominators
+    return mk_rat(x + y);
+}
+
+// GMP aborts the process when it cannot allocate: refuse results beyond 64 Mbit.
+static void check_product_size(const mpq_class &x, const mpq_class &y) {
+    auto bits = [](const mpz_class &z) { return double(mpz_sizeinbase(z.get_mpz_t(), 2)); };
+    if (bits(x.get_num()) + bits(y.get_num()) > 64.0 * 1024 * 1024 ||
+        bits(x.get_den()) + bits(y.get_den()) > 64.0 * 1024 * 1024)
+        fail("integer too large");
 }
 
 static H real_mul(H a, H b) {
@@ -415,8 +429,10 @@ static H real_mul(H a, H b) {
         if (!__builtin_mul_overflow(imm_val(a), imm_val(b), &r)) return mk_int(r);
     }
     if (is_float(a) || is_float(b)) return mk_float(to_double(a) * to_double(b));
-    if (is_int(a) && is_int(b)) return mk_int(mpz_class(to_mpz(a) * to_mpz(b)));
-    return mk_rat(to_mpq(a) * to_mpq(b));
+    mpq_class x = to_mpq(a), y = to_mpq(b);
+    check_product_size(x, y);
+    if (is_int(a) && is_int(b)) return mk_int(mpz_class(x.get_num() * y.get_num()));
+    return mk_rat(x * y);
 }
 
 static bool real_is_zero(H h) {
@@ -427,7 +443,9 @@ static bool real_is_zero(H h) {
 static H real_div(H a, H b) {
     if (is_float(a) || is_float(b)) return mk_float(to_double(a) / to_double(b));
     if (real_is_zero(b)) fail("numeric exception: division by zero");
-    return mk_rat(to_mpq(a) / to_mpq(b));
+    mpq_class x = to_mpq(a), y = to_mpq(b);
+    check_product_size(x, y);
+    return mk_rat(x / y);
 }
 
 static H real_neg(H a) { return real_mul(imm(-1), a); }
@@ -608,6 +626,7 @@ static H rebuild(Op op, const std::vector<H> &ops) {
 }
 
 H evalf(H h) {
+    stack_check();
     switch (kind_of(h)) {
         case Kind::Int:
         case Kind::BigInt:
@@ -638,6 +657,7 @@ H evalf(H h) {
 }
 
 std::optional<bool> truth_maybe(H h) {
+    stack_check();
     if (h == K->true_name && h) return true;
     if (h == K->false_name && h) return false;
     if (kind_or_dead(h) != Kind::Expr) return std::nullopt;
@@ -693,6 +713,7 @@ static H name_value(H h) {
 }
 
 H eval_value(H h) {
+    stack_check();
     switch (kind_of(h)) {
         case Kind::Name:
             return name_value(h);
@@ -879,6 +900,7 @@ static std::string quote_string(const std::string &s) {
 
 static std::string print_p(H h, int &prec) {
     prec = P_ATOM;
+    stack_check();
     if (h == 0) return "NULL";
     switch (kind_of(h)) {
         case Kind::Int:
