@@ -180,7 +180,14 @@ int64_t small_int(H h, const char *what) {
 
 // ---- builtins ----
 
-using Builtin = std::function<H(const std::vector<H> &)>;
+// A builtin with the number of arguments it takes, checked before it runs.
+struct Builtin {
+    const char *name;
+    size_t min_args;
+    size_t max_args;
+    std::function<H(const std::vector<H> &)> run;
+};
+constexpr size_t kAnyCount = SIZE_MAX;
 
 void want_args(const std::vector<H> &a, size_t lo, size_t hi, const char *fn) {
     if (a.size() < lo || a.size() > hi) fail(std::string("invalid number of arguments to ") + fn);
@@ -245,7 +252,6 @@ std::vector<H> operands(H h) {
 }
 
 H op_builtin(const std::vector<H> &a) {
-    want_args(a, 1, 2, "op");
     if (a.size() == 1) return mk_seq(operands(a[0]));
     H e = a[1];
     int64_t i = small_int(a[0], "op position");
@@ -264,7 +270,6 @@ H op_builtin(const std::vector<H> &a) {
 }
 
 H table_builtin(const std::vector<H> &a) {
-    want_args(a, 0, 1, "table");
     H t = alloc(Kind::Table, std::make_unique<TableObj>());
     if (a.empty()) return t;
     auto items = items_of(a[0]);
@@ -283,7 +288,6 @@ H table_builtin(const std::vector<H> &a) {
 }
 
 H kernelopts_builtin(const std::vector<H> &a) {
-    want_args(a, 1, 1, "kernelopts");
     H x = a[0];
     if (kind_of(x) == Kind::Expr && obj<ExprObj>(x).op == Op::Eq) {
         H k = obj<ExprObj>(x).ops[0], v = obj<ExprObj>(x).ops[1];
@@ -306,8 +310,7 @@ H kernelopts_builtin(const std::vector<H> &a) {
     fail("kernelopts: unknown option " + s);
 }
 
-H redirect(const std::vector<H> &a, const char *mode, const char *fn) {
-    want_args(a, 1, 1, fn);
+H redirect(const std::vector<H> &a, const char *mode) {
     int r = 0;
     if (is_name(a[0]) && name_of(a[0]) == "terminal") {
         if (K->cb.redirectCallBack) r = K->cb.redirectCallBack(K->data, nullptr, mode);
@@ -319,7 +322,6 @@ H redirect(const std::vector<H> &a, const char *mode, const char *fn) {
 }
 
 H streamcall_builtin(const std::vector<H> &a) {
-    if (a.empty()) fail("invalid number of arguments to streamcall");
     std::string name = string_of(a[0]);
     std::vector<std::string> texts;
     for (size_t i = 1; i < a.size(); ++i) texts.push_back(string_of(a[i]));
@@ -332,8 +334,7 @@ H streamcall_builtin(const std::vector<H> &a) {
     return mk_string(r);
 }
 
-H status_builtin(const std::vector<H> &a) {
-    want_args(a, 0, 0, "status");
+H status_builtin(const std::vector<H> &) {
     int64_t used = int64_t((K->live_cells * sizeof(Slot) + K->block_bytes) / 1024);
     int64_t total = int64_t((K->slots.size() * sizeof(Slot) + K->block_bytes) / 1024);
     double cpu = double(std::clock()) / CLOCKS_PER_SEC;
@@ -341,116 +342,102 @@ H status_builtin(const std::vector<H> &a) {
     return K->null_val;
 }
 
-const std::unordered_map<std::string, Builtin> &builtins() {
-    static const std::unordered_map<std::string, Builtin> table = {
-        {"print",
+const std::unordered_map<std::string, const Builtin *> &builtins() {
+    static const Builtin table[] = {
+        {"print", 0, kAnyCount,
          [](const std::vector<H> &a) {
              text_out(VEXEL_TEXT_OUTPUT, join_printed(a));
              return K->null_val;
          }},
-        {"lprint",
+        {"lprint", 0, kAnyCount,
          [](const std::vector<H> &a) {
              text_out(VEXEL_TEXT_OUTPUT, join_printed(a));
              return K->null_val;
          }},
-        {"WARNING",
+        {"WARNING", 1, kAnyCount,
          [](const std::vector<H> &a) {
-             if (a.empty()) fail("invalid number of arguments to WARNING");
              text_out(VEXEL_TEXT_WARNING, format_message(string_of(a[0]), std::vector<H>(a.begin() + 1, a.end())));
              return K->null_val;
          }},
-        {"evalf",
+        {"evalf", 1, 2,
          [](const std::vector<H> &a) {
-             want_args(a, 1, 2, "evalf");
              return evalf(a[0]);
          }},
-        {"evalhf",
+        {"evalhf", 1, 1,
          [](const std::vector<H> &a) {
-             want_args(a, 1, 1, "evalhf");
              H v = evalf(a[0]);
              if (!is_real(v)) fail("cannot evaluate with hardware floats: " + print_safe(a[0]));
              return mk_float(to_double(v));
          }},
-        {"eval",
+        {"eval", 1, 1,
          [](const std::vector<H> &a) {
-             want_args(a, 1, 1, "eval");
              return eval_value(a[0]);
          }},
-        {"evalb",
+        {"evalb", 1, 1,
          [](const std::vector<H> &a) {
-             want_args(a, 1, 1, "evalb");
              return mk_bool(truth(a[0]));
          }},
-        {"nops",
+        {"nops", 1, 1,
          [](const std::vector<H> &a) {
-             want_args(a, 1, 1, "nops");
              return nops_of(a[0]);
          }},
-        {"op", op_builtin},
-        {"table", table_builtin},
-        {"Array", [](const std::vector<H> &a) { return rtable_from_call("Array", a); }},
-        {"Vector", [](const std::vector<H> &a) { return rtable_from_call("Vector", a); }},
-        {"Matrix", [](const std::vector<H> &a) { return rtable_from_call("Matrix", a); }},
-        {"gc",
-         [](const std::vector<H> &a) {
-             want_args(a, 0, 0, "gc");
+        {"op", 1, 2, op_builtin},
+        {"table", 0, 1, table_builtin},
+        {"Array", 0, kAnyCount, [](const std::vector<H> &a) { return rtable_from_call("Array", a); }},
+        {"Vector", 0, kAnyCount, [](const std::vector<H> &a) { return rtable_from_call("Vector", a); }},
+        {"Matrix", 0, kAnyCount, [](const std::vector<H> &a) { return rtable_from_call("Matrix", a); }},
+        {"gc", 0, 0,
+         [](const std::vector<H> &) {
              collect();
              return K->null_val;
          }},
-        {"kernelopts", kernelopts_builtin},
-        {"kernelargs",
-         [](const std::vector<H> &a) {
-             want_args(a, 0, 0, "kernelargs");
+        {"kernelopts", 1, 1, kernelopts_builtin},
+        {"kernelargs", 0, 0,
+         [](const std::vector<H> &) {
              std::vector<H> v;
              for (auto &s : K->args) v.push_back(mk_string(s));
              return mk_list(v);
          }},
-        {"readline",
+        {"readline", 0, 1,
          [](const std::vector<H> &a) {
-             want_args(a, 0, 1, "readline");
              int debug = a.empty() ? 0 : truth(a[0]) ? 1 : 0;
              std::string r;
              if (K->cb.readLineCallBack) r = answer(K->cb.readLineCallBack(K->data, debug));
              return mk_string(r);
          }},
-        {"writeto", [](const std::vector<H> &a) { return redirect(a, "w", "writeto"); }},
-        {"appendto", [](const std::vector<H> &a) { return redirect(a, "a", "appendto"); }},
-        {"streamcall", streamcall_builtin},
-        {"callback",
+        {"writeto", 1, 1, [](const std::vector<H> &a) { return redirect(a, "w"); }},
+        {"appendto", 1, 1, [](const std::vector<H> &a) { return redirect(a, "a"); }},
+        {"streamcall", 1, kAnyCount, streamcall_builtin},
+        {"callback", 1, 1,
          [](const std::vector<H> &a) {
-             want_args(a, 1, 1, "callback");
              std::string s = string_of(a[0]);
              std::string r;
              if (K->cb.callBackCallBack) r = answer(K->cb.callBackCallBack(K->data, s.c_str()));
              return mk_string(r);
          }},
-        {"interrupted",
-         [](const std::vector<H> &a) {
-             want_args(a, 0, 0, "interrupted");
+        {"interrupted", 0, 0,
+         [](const std::vector<H> &) {
              int r = K->cb.queryInterrupt ? K->cb.queryInterrupt(K->data) : 0;
              return mk_bool(r != 0);
          }},
-        {"status", status_builtin},
-        {"textcallback",
+        {"status", 0, 0, status_builtin},
+        {"textcallback", 2, 2,
          [](const std::vector<H> &a) {
-             want_args(a, 2, 2, "textcallback");
              int64_t tag = small_int(a[0], "the tag");
              if (tag < INT32_MIN || tag > INT32_MAX) fail("the tag must fit in 32 bits");
              std::string s = string_of(a[1]);
              text_out(int(tag), s);
              return K->null_val;
          }},
-        {"errorcallback",
+        {"errorcallback", 2, 2,
          [](const std::vector<H> &a) {
-             want_args(a, 2, 2, "errorcallback");
              int64_t off = small_int(a[0], "the offset");
              std::string s = string_of(a[1]);
              if (K->cb.errorCallBack) K->cb.errorCallBack(K->data, off, s.c_str());
              return K->null_val;
          }},
-        {"statuscallback",
+        {"statuscallback", 3, 3,
          [](const std::vector<H> &a) {
-             want_args(a, 3, 3, "statuscallback");
              int64_t x = small_int(a[0], "the first argument");
              int64_t y = small_int(a[1], "the second argument");
              H c = evalf(a[2]);
@@ -458,9 +445,8 @@ const std::unordered_map<std::string, Builtin> &builtins() {
              if (K->cb.statusCallBack) K->cb.statusCallBack(K->data, x, y, to_double(c));
              return K->null_val;
          }},
-        {"pointer",
+        {"pointer", 1, 1,
          [](const std::vector<H> &a) {
-             want_args(a, 1, 1, "pointer");
              if (!is_int(a[0])) fail("pointer expects an integer address");
              mpz_class v = to_mpz(a[0]);
              if (v < 0 || mpz_sizeinbase(v.get_mpz_t(), 2) > 64) fail("address out of range: " + print_safe(a[0]));
@@ -468,24 +454,27 @@ const std::unordered_map<std::string, Builtin> &builtins() {
              mpz_export(&u, nullptr, -1, sizeof u, 0, 0, v.get_mpz_t());
              return mk_pointer(reinterpret_cast<void *>(static_cast<uintptr_t>(u)), 0);
          }},
-        {"failalloc",
+        {"failalloc", 1, 1,
          [](const std::vector<H> &a) {
-             want_args(a, 1, 1, "failalloc");
              int64_t n = small_int(a[0], "the count");
              if (n < 0) fail("failalloc expects a count >= 0");
              K->failalloc = n;
              return K->null_val;
          }},
-        {"whattype",
+        {"whattype", 1, 1,
          [](const std::vector<H> &a) {
-             want_args(a, 1, 1, "whattype");
              static const char *const names[] = {"dead",  "integer", "integer", "fraction", "float", "complex",
                                                  "name",  "string",  "list",    "set",      "exprseq", "table",
                                                  "procedure", "rtable", "pointer", "stop", "expression"};
              return global_name(names[size_t(kind_of(a[0]))]);
          }},
     };
-    return table;
+    static const std::unordered_map<std::string, const Builtin *> byName = [] {
+        std::unordered_map<std::string, const Builtin *> m;
+        for (const Builtin &b : table) m.emplace(b.name, &b);
+        return m;
+    }();
+    return byName;
 }
 
 H seq_special(const Node &call) {
@@ -874,7 +863,10 @@ H call_function(H f, const std::vector<H> &args) {
     if (k == Kind::Name && obj<NameObj>(f).global && !obj<NameObj>(f).value) {
         auto &b = builtins();
         auto it = b.find(obj<NameObj>(f).name);
-        if (it != b.end()) return it->second(args);
+        if (it != b.end()) {
+            want_args(args, it->second->min_args, it->second->max_args, it->second->name);
+            return it->second->run(args);
+        }
     }
     std::vector<H> ops{f};
     ops.insert(ops.end(), args.begin(), args.end());
