@@ -84,6 +84,25 @@ Kind kind_of(H h) {
 
 void check(H h) { (void)kind_of(h); }
 
+// The handle of the live cell in slot idx.
+static uint64_t handle_of(uint32_t idx) { return (uint64_t(K->slots[idx].gen) << 32) | (uint64_t(idx) << 1); }
+
+// Runs the dispose function of the pointer value in slot idx, once; the
+// first error of a pass is kept and raised when the pass is done.
+static void dispose_pointer(uint32_t idx, std::optional<VexelError> &first_error) {
+    Slot &s = K->slots[idx];
+    if (s.kind != Kind::Pointer) return;
+    auto &p = static_cast<PointerObj &>(*s.obj);
+    if (!p.dispose) return;
+    VexelPointerFunc f = p.dispose;
+    p.dispose = nullptr;
+    try {
+        f(to_algeb(handle_of(idx)));
+    } catch (VexelError &e) {
+        if (!first_error) first_error = e;
+    }
+}
+
 H alloc(Kind k, std::unique_ptr<Obj> o) {
     uint32_t idx;
     if (!K->free_slots.empty()) {
@@ -102,7 +121,7 @@ H alloc(Kind k, std::unique_ptr<Obj> o) {
     s.birth = K->serial++;
     ++K->live_cells;
     ++K->allocs_since_gc;
-    return (uint64_t(s.gen) << 32) | (uint64_t(idx) << 1);
+    return handle_of(idx);
 }
 
 static void free_slot(uint32_t idx) {
@@ -245,7 +264,7 @@ void collect() {
     mark_frames();
     for (size_t i = 0; i < K->slots.size(); ++i) {
         Slot &s = K->slots[i];
-        if (s.kind != Kind::Dead && s.birth >= keep_from) push((uint64_t(s.gen) << 32) | (uint64_t(i) << 1));
+        if (s.kind != Kind::Dead && s.birth >= keep_from) push(handle_of(uint32_t(i)));
     }
 
     // Mark; a pointer value's mark function runs once the pointer is reached and
@@ -275,22 +294,9 @@ void collect() {
         if (s.kind != Kind::Dead && !s.mark && s.birth < keep_from) dead.push_back(uint32_t(i));
     }
     std::optional<VexelError> first_error;
+    for (uint32_t i : dead) dispose_pointer(i, first_error);
     for (uint32_t i : dead) {
-        Slot &s = K->slots[i];
-        if (s.kind != Kind::Pointer) continue;
-        auto &p = static_cast<PointerObj &>(*s.obj);
-        if (!p.dispose) continue;
-        VexelPointerFunc f = p.dispose;
-        p.dispose = nullptr;
-        try {
-            f(to_algeb((uint64_t(s.gen) << 32) | (uint64_t(i) << 1)));
-        } catch (VexelError &e) {
-            if (!first_error) first_error = e;
-        }
-    }
-    for (uint32_t i : dead) {
-        Slot &s = K->slots[i];
-        unique_forget((uint64_t(s.gen) << 32) | (uint64_t(i) << 1));
+        unique_forget(handle_of(i));
         free_slot(i);
     }
     for (auto &s : K->slots) s.mark = false;
@@ -324,19 +330,7 @@ void maybe_collect() {
 void discard_all(bool run_dispose) {
     std::optional<VexelError> first_error;
     if (run_dispose) {
-        for (size_t i = 0; i < K->slots.size(); ++i) {
-            Slot &s = K->slots[i];
-            if (s.kind != Kind::Pointer) continue;
-            auto &p = static_cast<PointerObj &>(*s.obj);
-            if (!p.dispose) continue;
-            VexelPointerFunc f = p.dispose;
-            p.dispose = nullptr;
-            try {
-                f(to_algeb((uint64_t(s.gen) << 32) | (uint64_t(i) << 1)));
-            } catch (VexelError &e) {
-                if (!first_error) first_error = e;
-            }
-        }
+        for (size_t i = 0; i < K->slots.size(); ++i) dispose_pointer(uint32_t(i), first_error);
     }
     for (size_t i = 0; i < K->slots.size(); ++i)
         if (K->slots[i].kind != Kind::Dead) free_slot(uint32_t(i));
