@@ -654,13 +654,20 @@ ALGEB VexelListAlloc(KernelVector kv, int64_t n) {
     });
 }
 
+// Stores value at the 1-based index i of a list or sequence; a sequence
+// cannot be an element of either.
+static void store_item(ALGEB target, int64_t i, ALGEB value, Kind kind, const char *expected, const char *what,
+                const char *nested) {
+    H t = need_kind(target, kind, expected);
+    H v = need(value);
+    seq_item(t, i, kind, what);
+    if (kind_of(v) == Kind::Seq) fail(nested);
+    obj<SeqObj>(t).items[size_t(i - 1)] = v;
+}
+
 void VexelListAssign(KernelVector kv, ALGEB list, int64_t i, ALGEB value) {
     guarded<int>(__func__, kv, 0, [&] {
-        H l = need_kind(list, Kind::List, "a list");
-        H v = need(value);
-        seq_item(l, i, Kind::List, "the list");
-        if (kind_of(v) == Kind::Seq) fail("cannot store an expression sequence in a list");
-        obj<SeqObj>(l).items[size_t(i - 1)] = v;
+        store_item(list, i, value, Kind::List, "a list", "the list", "cannot store an expression sequence in a list");
         return 0;
     });
 }
@@ -679,11 +686,8 @@ ALGEB NewVexelExpressionSequence(KernelVector kv, int n) {
 
 void VexelExpseqAssign(KernelVector kv, ALGEB seq, int64_t i, ALGEB value) {
     guarded<int>(__func__, kv, 0, [&] {
-        H s = need_kind(seq, Kind::Seq, "an expression sequence");
-        H v = need(value);
-        seq_item(s, i, Kind::Seq, "the sequence");
-        if (kind_of(v) == Kind::Seq) fail("cannot nest an expression sequence");
-        obj<SeqObj>(s).items[size_t(i - 1)] = v;
+        store_item(seq, i, value, Kind::Seq, "an expression sequence", "the sequence",
+                   "cannot nest an expression sequence");
         return 0;
     });
 }
