@@ -163,6 +163,16 @@ class CallBackTest {
     }
 
     @Test
+    void manyCallbacksInOneCallKeepLocalReferencesBounded() {
+        // Each entry deletes the references it makes: the checker reports
+        // a leak long before this many calls.
+        eval("for i to 20000 do textcallback(3, \"line\"); callback(\"c\"); streamcall(\"s\", \"a\", \"b\"); "
+                + "readline(); writeto(\"f\") end do:");
+        assertEquals(20000, CALLBACKS.calls("text").size());
+        assertEquals(20000, CALLBACKS.calls("stream").size());
+    }
+
+    @Test
     void afterAPendingExceptionNoMoreJavaRuns() {
         // The unknown tag leaves an exception pending; the rest of the statement
         // reaches no Java method, and the first exception is what the caller sees.

@@ -47,8 +47,18 @@ class StressTest {
     @Test
     void valuesSurviveCollectionsByOtherThreads() throws Exception {
         AtomicBoolean running = new AtomicBoolean(true);
+        // The kernel lock is a Java monitor, which is not fair: a thread that
+        // takes it again at once could starve the others, so the collector
+        // pauses between collections.
         Thread collector = new Thread(() -> {
-            while (running.get()) eval("gc():");
+            while (running.get()) {
+                eval("gc():");
+                try {
+                    Thread.sleep(1);
+                } catch (InterruptedException e) {
+                    return;
+                }
+            }
         });
         collector.start();
         ExecutorService pool = Executors.newFixedThreadPool(3);
