@@ -24,7 +24,8 @@ constexpr Messages kTableCopy{"Table is NULL", "CallBackFrontEnd is NULL"};
 // nor range-checked; its block is kernel memory, made in the same pass that
 // uses it, so that no collection run by another thread can reclaim it in
 // between. The pass first checks the index count against the table's
-// dimensions, so the kernel never reads past the block. The Java array is
+// dimensions, so the kernel never reads past the block (and no block is
+// made for an index that cannot fit). The Java array is
 // read in place, before the lock, and given back without copy-back.
 // Whatever `step` makes is dropped if an exception is pending at the end.
 template <typename R, typename Step>
@@ -35,14 +36,14 @@ R elementAccess(JNIEnv *env, jobject table, std::initializer_list<Arg> value, ji
         jint *elements = env->GetIntArrayElements(index, nullptr);
         if (elements == nullptr) return zeroResult<R>();
         auto access = [&]() -> R {
-            auto *entries = static_cast<int64_t *>(VexelAlloc(call.kv(), sizeof(int64_t) * static_cast<size_t>(n)));
-            if (call.pending()) return zeroResult<R>();
-            if (entries == nullptr) return fail(call.env, "Out of Memory"), zeroResult<R>();
-            for (jsize i = 0; i < n; i++) entries[i] = elements[i];
             int64_t dimensions = RTableNumDimensions(call.kv(), call.self);
             if (call.pending()) return zeroResult<R>();
             if (dimensions != n)
                 return fail(call.env, "Index count does not match the table's dimensions"), zeroResult<R>();
+            auto *entries = static_cast<int64_t *>(VexelAlloc(call.kv(), sizeof(int64_t) * static_cast<size_t>(n)));
+            if (call.pending()) return zeroResult<R>();
+            if (entries == nullptr) return fail(call.env, "Out of Memory"), zeroResult<R>();
+            for (jsize i = 0; i < n; i++) entries[i] = elements[i];
             return step(call, entries);
         };
         if constexpr (std::is_void_v<R>) {

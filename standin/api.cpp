@@ -647,9 +647,13 @@ int VexelTableHasEntry(KernelVector kv, ALGEB table, ALGEB key) {
 
 // ---- lists and sequences ----
 
+// The most elements a list or sequence made through the interface may have:
+// a bad size from the embedder is an error, not gigabytes of zeros.
+constexpr int64_t kMaxElements = int64_t(1) << 26;
+
 ALGEB VexelListAlloc(KernelVector kv, int64_t n) {
     return guarded<ALGEB>(__func__, kv, nullptr, [&] {
-        if (n < 0 || n > (int64_t(1) << 32)) fail("invalid list size " + std::to_string(n));
+        if (n < 0 || n > kMaxElements) fail("invalid list size " + std::to_string(n));
         return to_algeb(mk_list(std::vector<H>(size_t(n), 0)));
     });
 }
@@ -679,7 +683,7 @@ ALGEB VexelListSelect(KernelVector kv, ALGEB list, int64_t i) {
 
 ALGEB NewVexelExpressionSequence(KernelVector kv, int n) {
     return guarded<ALGEB>(__func__, kv, nullptr, [&] {
-        if (n < 0) fail("invalid sequence size " + std::to_string(n));
+        if (n < 0 || n > kMaxElements) fail("invalid sequence size " + std::to_string(n));
         return to_algeb(mk_seq(std::vector<H>(size_t(n), 0)));
     });
 }

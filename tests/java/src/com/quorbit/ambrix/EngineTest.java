@@ -101,5 +101,7 @@ class EngineTest {
     @Test
     void kernelErrorsOfFactoriesBecomeExceptions() {
         assertVexel("invalid list size -1", () -> ENGINE.newList(-1));
+        assertVexel("invalid list size 2147483647", () -> ENGINE.newList(Integer.MAX_VALUE));
+        assertVexel("invalid sequence size 2147483647", () -> ENGINE.newExpseq(Integer.MAX_VALUE));
     }
 }
