@@ -78,6 +78,16 @@ void no_seq(H h) {
     if (kind_of(h) == Kind::Seq) fail("invalid operand: an expression sequence " + print_safe(h));
 }
 
+// A rectangular table's subscripts as 64-bit indices.
+std::vector<int64_t> rtable_index(const std::vector<H> &idx) {
+    std::vector<int64_t> ix;
+    for (H h : idx) {
+        int64_t v;
+        if (!is_int(h) || !int_fits64(h, &v)) fail("rectangular table index must be an integer, got " + print_safe(h));
+        ix.push_back(v);
+    }
+    return ix;
+}
 H index_value(H base, const std::vector<H> &idx, H base_name) {
     Kind k = kind_of(base);
     if (k == Kind::List || k == Kind::Set || k == Kind::Seq) {
@@ -100,13 +110,7 @@ H index_value(H base, const std::vector<H> &idx, H base_name) {
         return mk_expr(Op::Index, ops);
     }
     if (k == Kind::RTable) {
-        std::vector<int64_t> ix;
-        for (H h : idx) {
-            int64_t v;
-            if (!is_int(h) || !int_fits64(h, &v)) fail("rectangular table index must be an integer, got " + print_safe(h));
-            ix.push_back(v);
-        }
-        return rtable_get(base, ix);
+        return rtable_get(base, rtable_index(idx));
     }
     if (k == Kind::Name || k == Kind::Expr) {
         std::vector<H> ops{base};
@@ -134,13 +138,7 @@ void index_assign(H base, const std::vector<H> &idx, H value) {
         return;
     }
     if (k == Kind::RTable) {
-        std::vector<int64_t> ix;
-        for (H h : idx) {
-            int64_t v;
-            if (!is_int(h) || !int_fits64(h, &v)) fail("rectangular table index must be an integer, got " + print_safe(h));
-            ix.push_back(v);
-        }
-        rtable_set(base, ix, value);
+        rtable_set(base, rtable_index(idx), value);
         return;
     }
     fail("cannot assign to an index of " + print_safe(base));
