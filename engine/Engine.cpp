@@ -175,13 +175,11 @@ void restartCallBack(void *data) { makeVexelPointer(static_cast<CallBackFrontEnd
 
 JNIEXPORT jobject JNICALL Java_com_quorbit_ambrix_Engine_evaluate(JNIEnv *env, jobject self, jstring statement) {
     return ambrix::engineMethod<jobject>(env, self, [&](Call &call) -> jobject {
-        if (statement == nullptr) return ambrix::fail(env, "Statement is NULL"), nullptr;
-        jsize n = env->GetStringLength(statement);
-        const jchar *chars = env->GetStringChars(statement, nullptr);
-        if (chars == nullptr) return nullptr;
-        auto *text = static_cast<char *>(malloc(static_cast<size_t>(n) + 1));
-        if (text != nullptr) ambrix::narrowInto(text, chars, n);
-        env->ReleaseStringChars(statement, chars);
+        ambrix::JavaChars chars;
+        if (!ambrix::holdChars(env, statement, "Statement is NULL", chars)) return nullptr;
+        auto *text = static_cast<char *>(malloc(static_cast<size_t>(chars.length) + 1));
+        if (text != nullptr) ambrix::narrowInto(text, chars.units, chars.length);
+        ambrix::releaseChars(env, chars);
         if (text == nullptr) return ambrix::throwOutOfMemory(env, "Failed to allocate statement"), nullptr;
         jobject result = call.inLock([&] { return call.wrap(EvalVexelStatement(call.kv(), text)); });
         free(text);
