@@ -242,6 +242,19 @@ VEXELC_API int64_t RTableNumDimensions(KernelVector kv, ALGEB rt);
 VEXELC_API int64_t RTableLowerBound(KernelVector kv, ALGEB rt, int64_t dim);
 VEXELC_API int64_t RTableUpperBound(KernelVector kv, ALGEB rt, int64_t dim);
 
+/*
+ * Optional: a kernel need not define it, so the library finds it at start by
+ * name (dlsym) and never links against it. It returns the address of the
+ * table's contiguous, column-major storage when the data type is a hardware
+ * one (integer[1], integer[2], integer[4], integer[8], float[4], float[8],
+ * complex[8]: real then imaginary part of each element), and null for every
+ * other data type. The address stays valid until the next kernel call that
+ * may collect or change the table. A table too large to lay out in memory
+ * gets the kernel's out-of-memory error.
+ */
+VEXELC_API void *VexelRTableData(KernelVector kv, ALGEB rt);
+typedef void *(*VexelRTableDataFunction)(KernelVector kv, ALGEB rt);
+
 #ifdef __cplusplus
 }
 #endif

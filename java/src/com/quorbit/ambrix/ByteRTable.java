@@ -22,4 +22,24 @@ public class ByteRTable extends RTable {
      * @return the element
      */
     public native byte select(int[] index);
+
+    /**
+     * Returns every element in one call, in column-major order: the first
+     * index varies fastest, whatever the table's bounds.
+     *
+     * @return a new array of {@link #numElements()} elements
+     * @throws com.quorbit.externalcall.VexelException "Table too large for a Java array"
+     *         when the table has more than {@code Integer.MAX_VALUE} elements
+     */
+    public native byte[] toArray();
+
+    /**
+     * Sets every element in one call, from an array in column-major order
+     * (the order of {@link #toArray()}). Nothing is written when a check fails.
+     *
+     * @param values one value per element
+     * @throws com.quorbit.externalcall.VexelException "Array is NULL", or "Array length
+     *         does not match the table's size"
+     */
+    public native void assignAll(byte[] values);
 }

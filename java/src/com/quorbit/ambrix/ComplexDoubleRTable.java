@@ -53,4 +53,25 @@ public class ComplexDoubleRTable extends RTable {
      * @return the new table
      */
     public native ComplexDoubleRTable copyImaginary();
+
+    /**
+     * Returns every element in one call, in column-major order: the first
+     * index varies fastest, whatever the table's bounds.
+     *
+     * @return a new array of twice {@link #numElements()} values: each element's
+     *         real part, then its imaginary part
+     * @throws com.quorbit.externalcall.VexelException "Table too large for a Java array"
+     *         when the table has more than {@code Integer.MAX_VALUE} elements
+     */
+    public native double[] toArray();
+
+    /**
+     * Sets every element in one call, from an array in column-major order
+     * (the order of {@link #toArray()}). Nothing is written when a check fails.
+     *
+     * @param values two values per element, the real part first
+     * @throws com.quorbit.externalcall.VexelException "Array is NULL", or "Array length
+     *         does not match the table's size"
+     */
+    public native void assignAll(double[] values);
 }

@@ -36,4 +36,24 @@ public class ComplexNumericRTable extends RTable {
      * @return the new table
      */
     public native RTable copyImaginary();
+
+    /**
+     * Returns every element in one call, in column-major order: the first
+     * index varies fastest, whatever the table's bounds.
+     *
+     * @return a new array of {@link #numElements()} elements
+     * @throws com.quorbit.externalcall.VexelException "Table too large for a Java array"
+     *         when the table has more than {@code Integer.MAX_VALUE} elements
+     */
+    public native Algebraic[] toArray();
+
+    /**
+     * Sets every element in one call, from an array in column-major order
+     * (the order of {@link #toArray()}). Nothing is written when a check fails.
+     *
+     * @param values one value per element
+     * @throws com.quorbit.externalcall.VexelException "Array is NULL", or "Array length
+     *         does not match the table's size", or "Argument is NULL" for a null element
+     */
+    public native void assignAll(Algebraic[] values);
 }

@@ -123,6 +123,19 @@ public class Engine {
     public native List newList(int size);
 
     /**
+     * Makes a list holding the given values, in one call.
+     *
+     * @param elements the values, in order
+     * @return the list
+     * @throws VexelException "Array is NULL", or "Argument is NULL" for a null element
+     */
+    public List newList(Algebraic[] elements) {
+        return newListOf(elements);
+    }
+
+    private native List newListOf(Algebraic[] elements);
+
+    /**
      * Makes a kernel integer.
      *
      * @param value the value

@@ -32,4 +32,11 @@ public class Expseq extends Algebraic {
      * @return the length
      */
     public native int length();
+
+    /**
+     * Returns every element in one call, in order.
+     *
+     * @return a new array of {@link #length()} elements
+     */
+    public native Algebraic[] toArray();
 }

@@ -29,4 +29,11 @@ public class List extends Algebraic {
      * @return the length
      */
     public native int length();
+
+    /**
+     * Returns every element in one call, in order.
+     *
+     * @return a new array of {@link #length()} elements
+     */
+    public native Algebraic[] toArray();
 }
