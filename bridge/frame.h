@@ -12,8 +12,17 @@
 #include <type_traits>
 
 #include "bridge.h"
+#include "lookups.h"
 
 namespace ambrix {
+
+// The engine record named by an Engine's (engine) or a value's `kernelID`;
+// null for a null object.
+CallBackFrontEnd *frontEndOf(JNIEnv *env, jobject object, bool engine);
+
+// A new Java object of the peer class for a kernel value, registered in the
+// live store; null for a null handle or with an exception pending.
+jobject newPeer(JNIEnv *env, ALGEB handle, CallBackFrontEnd *frontEnd, Peer peer);
 
 // Throws `message` unless an exception is pending; always yields false.
 inline bool fail(JNIEnv *env, const char *message) {
@@ -79,12 +88,10 @@ struct Call {
     jobject wrap(ALGEB value) const { return newAlgebraic(env, value, frontEnd); }
 
     // A Java object of a fixed class; needs no lock.
-    jobject peer(ALGEB value, const char *className) const {
-        return newPeerObject(env, value, frontEnd, className);
-    }
+    jobject peer(ALGEB value, Peer peerClass) const { return newPeer(env, value, frontEnd, peerClass); }
 
-    bool readFrontEnd(jobject object, const char *message) {
-        frontEnd = getCallBackFrontEnd(env, object);
+    bool readFrontEnd(jobject object, bool engine, const char *message) {
+        frontEnd = frontEndOf(env, object, engine);
         return frontEnd != nullptr || fail(env, message);
     }
 };
@@ -110,7 +117,7 @@ R finish(Call &call, Steps &&steps) {
 template <typename R, typename Steps>
 R engineMethod(JNIEnv *env, jobject engine, Steps &&steps) {
     Call call{env};
-    if (!call.readFrontEnd(engine, "Engine is null, it may have been stopped.")) return zeroResult<R>();
+    if (!call.readFrontEnd(engine, true, "Engine is null, it may have been stopped.")) return zeroResult<R>();
     return finish<R>(call, steps);
 }
 
@@ -129,7 +136,7 @@ R valueMethod(JNIEnv *env, jobject self, Messages messages, std::initializer_lis
     int i = 0;
     for (const Arg &arg : args)
         if (!readDag(env, arg.object, arg.message, call.args[i++])) return zeroResult<R>();
-    if (!call.readFrontEnd(self, messages.frontEnd)) return zeroResult<R>();
+    if (!call.readFrontEnd(self, false, messages.frontEnd)) return zeroResult<R>();
     return finish<R>(call, steps);
 }
 

@@ -1,11 +1,15 @@
 // The Java-side contract: the handle fields `dag` and `kernelID`, and the
 // one exception class through which every failure reaches Java.
-#include "bridge.h"
+#include "frame.h"
+#include "lookups.h"
 
 namespace {
 
+using ambrix::lookups;
+
 // Looks up a long field on the object's run-time class; 0 with the JVM's
-// exception pending when the class has no such field.
+// exception pending when the class has no such field. Serves only before
+// the first start has made the lookups.
 jfieldID longField(JNIEnv *env, jobject object, const char *name) {
     jclass cls = env->GetObjectClass(object);
     if (cls == nullptr) return nullptr;
@@ -14,13 +18,37 @@ jfieldID longField(JNIEnv *env, jobject object, const char *name) {
     return env->ExceptionCheck() ? nullptr : field;
 }
 
+// The `kernelID` field of the object's class: Algebraic's or Engine's.
+jfieldID kernelIDField(JNIEnv *env, jobject object) {
+    if (!ambrix::lookupsReady()) return longField(env, object, "kernelID");
+    return env->IsInstanceOf(object, lookups.peers[ambrix::kAlgebraic]) ? lookups.valueKernelID
+                                                                         : lookups.engineKernelID;
+}
+
+CallBackFrontEnd *readFrontEnd(JNIEnv *env, jobject object, jfieldID field) {
+    if (field == nullptr) return nullptr;
+    jlong id = env->GetLongField(object, field);
+    if (env->ExceptionCheck()) return nullptr;
+    return reinterpret_cast<CallBackFrontEnd *>(id);
+}
+
 }  // namespace
+
+namespace ambrix {
+
+CallBackFrontEnd *frontEndOf(JNIEnv *env, jobject object, bool engine) {
+    if (object == nullptr) return nullptr;
+    if (!lookupsReady()) return getCallBackFrontEnd(env, object);
+    return readFrontEnd(env, object, engine ? lookups.engineKernelID : lookups.valueKernelID);
+}
+
+}  // namespace ambrix
 
 extern "C" {
 
 ALGEB getDag(JNIEnv *env, jobject object) {
     if (object == nullptr) return nullptr;
-    jfieldID field = longField(env, object, "dag");
+    jfieldID field = ambrix::lookupsReady() ? lookups.dag : longField(env, object, "dag");
     if (field == nullptr) return nullptr;
     jlong dag = env->GetLongField(object, field);
     if (dag == 0) ThrowVexelException(env, "this Algebraic has been disposed");
@@ -29,15 +57,11 @@ ALGEB getDag(JNIEnv *env, jobject object) {
 
 CallBackFrontEnd *getCallBackFrontEnd(JNIEnv *env, jobject object) {
     if (object == nullptr) return nullptr;
-    jfieldID field = longField(env, object, "kernelID");
-    if (field == nullptr) return nullptr;
-    jlong id = env->GetLongField(object, field);
-    if (env->ExceptionCheck()) return nullptr;
-    return reinterpret_cast<CallBackFrontEnd *>(id);
+    return readFrontEnd(env, object, kernelIDField(env, object));
 }
 
 void zeroCallBackFrontEnd(JNIEnv *env, jobject object) {
-    jfieldID field = longField(env, object, "kernelID");
+    jfieldID field = kernelIDField(env, object);
     if (field == nullptr) return;
     env->SetLongField(object, field, 0);
 }
@@ -45,6 +69,10 @@ void zeroCallBackFrontEnd(JNIEnv *env, jobject object) {
 void ThrowVexelException(JNIEnv *env, const char *message) {
     // A pending exception stands: it is what Java sees.
     if (env->ExceptionCheck()) return;
+    if (ambrix::lookupsReady()) {
+        env->ThrowNew(lookups.vexelException, message);
+        return;
+    }
     jclass cls = env->FindClass("com/quorbit/externalcall/VexelException");
     if (cls == nullptr) return;
     env->ThrowNew(cls, message);

@@ -1,55 +1,76 @@
 // Wrapping kernel values as Java objects of the class that fits their kind.
-#include "bridge.h"
+#include <cstring>
+
+#include "frame.h"
+
+using ambrix::Peer;
 
 namespace {
 
 struct KindClass {
     int (*test)(KernelVector, ALGEB);
-    const char *className;
+    Peer peer;
 };
 
 // In the order the tests are made: the first that holds decides.
 const KindClass kKinds[] = {
-    {IsVexelNumeric, "com/quorbit/ambrix/Numeric"},
-    {IsVexelComplexNumeric, "com/quorbit/ambrix/ComplexNumeric"},
-    {IsVexelName, "com/quorbit/ambrix/Name"},
-    {IsVexelTable, "com/quorbit/ambrix/Table"},
-    {IsVexelList, "com/quorbit/ambrix/List"},
-    {IsVexelProcedure, "com/quorbit/ambrix/Procedure"},
-    {IsVexelExpressionSequence, "com/quorbit/ambrix/Expseq"},
-    {IsVexelString, "com/quorbit/ambrix/VString"},
+    {IsVexelNumeric, ambrix::kNumeric},
+    {IsVexelComplexNumeric, ambrix::kComplexNumeric},
+    {IsVexelName, ambrix::kName},
+    {IsVexelTable, ambrix::kTable},
+    {IsVexelList, ambrix::kList},
+    {IsVexelProcedure, ambrix::kProcedure},
+    {IsVexelExpressionSequence, ambrix::kExpseq},
+    {IsVexelString, ambrix::kVString},
 };
 
 // Table classes by data-type code; code 0 is decided by the element type.
-const char *const kRTableClasses[] = {
-    nullptr,
-    "com/quorbit/ambrix/ComplexNumericRTable",
-    "com/quorbit/ambrix/ByteRTable",
-    "com/quorbit/ambrix/ShortRTable",
-    "com/quorbit/ambrix/IntRTable",
-    "com/quorbit/ambrix/LongRTable",
-    "com/quorbit/ambrix/DoubleRTable",
-    "com/quorbit/ambrix/ComplexDoubleRTable",
-    "com/quorbit/ambrix/FloatRTable",
+const Peer kRTableClasses[] = {
+    ambrix::kAlgebraicRTable, ambrix::kComplexNumericRTable, ambrix::kByteRTable,
+    ambrix::kShortRTable,     ambrix::kIntRTable,            ambrix::kLongRTable,
+    ambrix::kDoubleRTable,    ambrix::kComplexDoubleRTable,  ambrix::kFloatRTable,
 };
 
-// The class for a rectangular table, or null with an exception pending.
-const char *rtableClass(JNIEnv *env, KernelVector kv, ALGEB handle) {
+// The class for a rectangular table; false with an exception pending.
+bool rtableClass(JNIEnv *env, KernelVector kv, ALGEB handle, Peer &peer) {
     RTableSettings settings{};
     RTableGetSettings(kv, &settings, handle);
-    if (env->ExceptionCheck()) return nullptr;
+    if (env->ExceptionCheck()) return false;
     int32_t code = settings.data_type;
     if (code == RTABLE_DAG) {
         ALGEB sfloat = ToVexelName(kv, "sfloat", 1);
-        if (env->ExceptionCheck()) return nullptr;
-        return settings.element_type == sfloat ? "com/quorbit/ambrix/NumericRTable"
-                                               : "com/quorbit/ambrix/AlgebraicRTable";
+        if (env->ExceptionCheck()) return false;
+        peer = settings.element_type == sfloat ? ambrix::kNumericRTable : ambrix::kAlgebraicRTable;
+    } else {
+        peer = code > 0 && code <= RTABLE_FLOAT32 ? kRTableClasses[code] : ambrix::kRTable;
     }
-    if (code > 0 && code <= RTABLE_FLOAT32) return kRTableClasses[code];
-    return "com/quorbit/ambrix/RTable";
+    return true;
+}
+
+// Before the first start there are no lookups: the class is found by name.
+jobject newByName(JNIEnv *env, ALGEB handle, CallBackFrontEnd *frontEnd, const char *className) {
+    jclass cls = env->FindClass(className);
+    if (cls == nullptr) return nullptr;
+    jobject object = nullptr;
+    jmethodID init = env->GetMethodID(cls, "<init>", "(JJ)V");
+    if (init != nullptr)
+        object = env->NewObject(cls, init, reinterpret_cast<jlong>(handle), reinterpret_cast<jlong>(frontEnd));
+    env->DeleteLocalRef(cls);
+    return object;
 }
 
 }  // namespace
+
+namespace ambrix {
+
+jobject newPeer(JNIEnv *env, ALGEB handle, CallBackFrontEnd *frontEnd, Peer peer) {
+    if (handle == nullptr || env->ExceptionCheck()) return nullptr;
+    if (!lookupsReady()) return newByName(env, handle, frontEnd, peerClassName(peer));
+    return env->NewObject(lookups.peers[peer], lookups.peerInit[peer], reinterpret_cast<jlong>(handle),
+                          reinterpret_cast<jlong>(frontEnd));
+}
+
+}  // namespace ambrix
 
 extern "C" {
 
@@ -59,28 +80,21 @@ jobject newAlgebraic(JNIEnv *env, ALGEB handle, CallBackFrontEnd *frontEnd) {
     for (const KindClass &kind : kKinds) {
         int holds = kind.test(kv, handle);
         if (env->ExceptionCheck()) return nullptr;
-        if (holds) return newPeerObject(env, handle, frontEnd, kind.className);
+        if (holds) return ambrix::newPeer(env, handle, frontEnd, kind.peer);
     }
     int isRTable = IsVexelRTable(kv, handle);
     if (env->ExceptionCheck()) return nullptr;
-    const char *className = "com/quorbit/ambrix/Algebraic";
-    if (isRTable) {
-        className = rtableClass(env, kv, handle);
-        if (className == nullptr) return nullptr;
-    }
-    return newPeerObject(env, handle, frontEnd, className);
+    Peer peer = ambrix::kAlgebraic;
+    if (isRTable && !rtableClass(env, kv, handle, peer)) return nullptr;
+    return ambrix::newPeer(env, handle, frontEnd, peer);
 }
 
 jobject newPeerObject(JNIEnv *env, ALGEB handle, CallBackFrontEnd *frontEnd, const char *className) {
     if (handle == nullptr || env->ExceptionCheck()) return nullptr;
-    jclass cls = env->FindClass(className);
-    if (cls == nullptr) return nullptr;
-    jobject object = nullptr;
-    jmethodID init = env->GetMethodID(cls, "<init>", "(JJ)V");
-    if (init != nullptr)
-        object = env->NewObject(cls, init, reinterpret_cast<jlong>(handle), reinterpret_cast<jlong>(frontEnd));
-    env->DeleteLocalRef(cls);
-    return object;
+    for (int p = 0; p < ambrix::kPeerCount; p++)
+        if (strcmp(className, ambrix::peerClassName(Peer(p))) == 0)
+            return ambrix::newPeer(env, handle, frontEnd, Peer(p));
+    return newByName(env, handle, frontEnd, className);
 }
 
 }  // extern "C"

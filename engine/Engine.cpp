@@ -60,24 +60,23 @@ bool narrowArgs(JNIEnv *env, jobjectArray args, jsize *argc, char ***argv) {
 // Runs `make` under the lock and wraps its value in a `className` object
 // before the lock is released, so no collection can take the fresh value.
 template <typename Make>
-jobject makeValue(Call &call, const char *className, Make &&make) {
-    return call.inLock([&] { return call.peer(make(call.kv()), className); });
+jobject makeValue(Call &call, ambrix::Peer peer, Make &&make) {
+    return call.inLock([&] { return call.peer(make(call.kv()), peer); });
 }
 
 template <typename Make>
-jobject factory(JNIEnv *env, jobject engine, const char *className, Make &&make) {
-    return ambrix::engineMethod<jobject>(env, engine,
-                                         [&](Call &call) { return makeValue(call, className, make); });
+jobject factory(JNIEnv *env, jobject engine, ambrix::Peer peer, Make &&make) {
+    return ambrix::engineMethod<jobject>(env, engine, [&](Call &call) { return makeValue(call, peer, make); });
 }
 
 template <typename Make>
-jobject stringFactory(JNIEnv *env, jobject engine, jstring s, const char *className, Make &&make) {
+jobject stringFactory(JNIEnv *env, jobject engine, jstring s, ambrix::Peer peer, Make &&make) {
     return ambrix::engineMethod<jobject>(env, engine, [&](Call &call) -> jobject {
         ambrix::JavaChars chars;
         if (!ambrix::holdChars(env, s, "String is NULL", chars)) return nullptr;
         jobject result = call.inLock([&]() -> jobject {
             char *text = ambrix::kernelCopy(call, chars);
-            return text == nullptr ? nullptr : call.peer(make(call.kv(), text), className);
+            return text == nullptr ? nullptr : call.peer(make(call.kv(), text), peer);
         });
         ambrix::releaseChars(env, chars);
         return result;
@@ -110,7 +109,7 @@ char *kernelCopy(Call &call, const JavaChars &chars) {
 
 extern "C" {
 
-JNIEXPORT jlong JNICALL Java_com_quorbit_ambrix_Engine_getKernel(JNIEnv *env, jobject, jobjectArray args,
+JNIEXPORT jlong JNICALL Java_com_quorbit_ambrix_Engine_getKernel(JNIEnv *env, jobject self, jobjectArray args,
                                                                  jobject callBacks, jobject data) {
     if (engineCreated.exchange(1) != 0) {
         ThrowVexelException(env, "only one Engine may be created");
@@ -118,6 +117,10 @@ JNIEXPORT jlong JNICALL Java_com_quorbit_ambrix_Engine_getKernel(JNIEnv *env, jo
     }
     CallBackFrontEnd *frontEnd = NewCallBackFrontEnd(env, callBacks, data);
     if (frontEnd == nullptr) return 0;
+    if (!ambrix::makeLookups(env, self, callBacks)) {
+        DeleteCallBackFrontEnd(frontEnd);
+        return 0;
+    }
     CallBackVector *vector = NewVCallBackVector(env);
     jsize argc = 0;
     char **argv = nullptr;
@@ -188,36 +191,36 @@ JNIEXPORT jobject JNICALL Java_com_quorbit_ambrix_Engine_evaluate(JNIEnv *env, j
 }
 
 JNIEXPORT jobject JNICALL Java_com_quorbit_ambrix_Engine_newTable(JNIEnv *env, jobject self) {
-    return factory(env, self, "com/quorbit/ambrix/Table", [](KernelVector kv) { return VexelTableAlloc(kv); });
+    return factory(env, self, ambrix::kTable, [](KernelVector kv) { return VexelTableAlloc(kv); });
 }
 
 JNIEXPORT jobject JNICALL Java_com_quorbit_ambrix_Engine_newExpseq(JNIEnv *env, jobject self, jint size) {
-    return factory(env, self, "com/quorbit/ambrix/Expseq",
+    return factory(env, self, ambrix::kExpseq,
                    [=](KernelVector kv) { return NewVexelExpressionSequence(kv, size); });
 }
 
 JNIEXPORT jobject JNICALL Java_com_quorbit_ambrix_Engine_newList(JNIEnv *env, jobject self, jint size) {
-    return factory(env, self, "com/quorbit/ambrix/List",
+    return factory(env, self, ambrix::kList,
                    [=](KernelVector kv) { return VexelListAlloc(kv, static_cast<int64_t>(size)); });
 }
 
 JNIEXPORT jobject JNICALL Java_com_quorbit_ambrix_Engine_newNumeric__J(JNIEnv *env, jobject self, jlong value) {
-    return factory(env, self, "com/quorbit/ambrix/Numeric",
+    return factory(env, self, ambrix::kNumeric,
                    [=](KernelVector kv) { return ToVexelInteger64(kv, value); });
 }
 
 JNIEXPORT jobject JNICALL Java_com_quorbit_ambrix_Engine_newNumeric__D(JNIEnv *env, jobject self, jdouble value) {
-    return factory(env, self, "com/quorbit/ambrix/Numeric", [=](KernelVector kv) { return ToVexelFloat(kv, value); });
+    return factory(env, self, ambrix::kNumeric, [=](KernelVector kv) { return ToVexelFloat(kv, value); });
 }
 
 JNIEXPORT jobject JNICALL Java_com_quorbit_ambrix_Engine_newName(JNIEnv *env, jobject self, jstring name,
                                                                  jboolean global) {
-    return stringFactory(env, self, name, "com/quorbit/ambrix/Name",
+    return stringFactory(env, self, name, ambrix::kName,
                          [=](KernelVector kv, char *text) { return ToVexelName(kv, text, global ? 1 : 0); });
 }
 
 JNIEXPORT jobject JNICALL Java_com_quorbit_ambrix_Engine_newVString(JNIEnv *env, jobject self, jstring text) {
-    return stringFactory(env, self, text, "com/quorbit/ambrix/VString",
+    return stringFactory(env, self, text, ambrix::kVString,
                          [](KernelVector kv, char *s) { return ToVexelString(kv, s); });
 }
 

@@ -34,26 +34,9 @@ void drop(JNIEnv *env, Refs... refs) {
     (env->DeleteLocalRef(refs), ...);
 }
 
-// Kernel text as a new Java string, or null with an exception pending. The
-// buffer is kernel memory; while the kernel is starting it may give none,
-// and the C heap serves instead.
-jstring toJava(JNIEnv *env, KernelVector kv, const char *text) {
-    if (text == nullptr) text = "";
-    size_t length = strlen(text);
-    jsize n = length > INT_MAX / 2 ? INT_MAX / 2 : static_cast<jsize>(length);
-    auto *buffer = static_cast<jchar *>(VexelAlloc(kv, 2 * static_cast<size_t>(n) + 2));
-    jchar *heap = nullptr;
-    if (buffer == nullptr) buffer = heap = static_cast<jchar *>(malloc(2 * static_cast<size_t>(n) + 2));
-    if (buffer == nullptr) {
-        ambrix::throwOutOfMemory(env, "Failed to allocate text for a callback");
-        return nullptr;
-    }
-    ambrix::widenInto(buffer, text, n);
-    buffer[n] = 0;
-    jstring s = env->NewString(buffer, n);
-    free(heap);
-    return s;
-}
+// Kernel text as a new Java string (null text: the empty string), or null
+// with an exception pending.
+jstring toJava(JNIEnv *env, const char *text) { return ambrix::newJavaString(env, text == nullptr ? "" : text); }
 
 // A callback's answer as kernel text; a null or empty answer gives the
 // constant empty text, and null means the kernel gave no memory.
@@ -69,19 +52,16 @@ char *fromJava(JNIEnv *env, KernelVector kv, jstring answer) {
     return text;
 }
 
-// The static field of the callbacks class that carries each kernel tag.
-const char *tagField(int tag) {
-    switch (tag) {
-        case 3: return "VEXEL_TEXT_OUTPUT";
-        case 1: return "VEXEL_TEXT_DIAG";
-        case 2: return "VEXEL_TEXT_MISC";
-        case 9: return "VEXEL_TEXT_HELP";
-        case 4: return "VEXEL_TEXT_QUIT";
-        case 5: return "VEXEL_TEXT_WARNING";
-        case 7: return "VEXEL_TEXT_STATUS";
-        case 10: return "VEXEL_TEXT_DEBUG";
-        default: return nullptr;
+// The value of the callbacks class's VEXEL_TEXT_* field for a kernel tag;
+// false for a tag the library does not know.
+bool tagValue(int tag, jint &value) {
+    for (int i = 0; i < ambrix::kTextTagCount; i++) {
+        if (ambrix::kTextTags[i] == tag) {
+            value = ambrix::lookups.textTags[i];
+            return true;
+        }
     }
+    return false;
 }
 
 CallBackFrontEnd *record(void *data) { return static_cast<CallBackFrontEnd *>(data); }
@@ -104,17 +84,12 @@ void TextCallBack(void *data, int tag, const char *output) {
     CallBackFrontEnd *fe = record(data);
     JNIEnv *env = javaEnv(fe);
     if (env == nullptr) return;
-    const char *field = tagField(tag);
-    if (field == nullptr) {
+    jint value = 0;
+    if (!tagValue(tag, value)) {
         ThrowVexelException(env, "invalid tag for text callback");
         return;
     }
-    jclass cls = env->GetObjectClass(fe->callBackObject);
-    jfieldID id = cls == nullptr ? nullptr : env->GetStaticFieldID(cls, field, "I");
-    jint value = id == nullptr ? 0 : env->GetStaticIntField(cls, id);
-    drop(env, cls);
-    if (raised(env, fe)) return;
-    jstring s = toJava(env, fe->kernelVector, output);
+    jstring s = toJava(env, output);
     if (raised(env, fe)) return;
     env->CallVoidMethod(fe->callBackObject, fe->textCallBackID, fe->userData, value, s);
     drop(env, s);
@@ -125,7 +100,7 @@ void ErrorCallBack(void *data, int64_t offset, const char *msg) {
     CallBackFrontEnd *fe = record(data);
     JNIEnv *env = javaEnv(fe);
     if (env == nullptr) return;
-    jstring s = toJava(env, fe->kernelVector, msg);
+    jstring s = toJava(env, msg);
     if (raised(env, fe)) return;
     // An exception thrown here stays pending: it reaches the Java caller of
     // the call that caused the error, instead of becoming a kernel error.
@@ -158,7 +133,7 @@ int RedirectCallBack(void *data, const char *name, const char *mode) {
     jstring s = nullptr;
     bool append = false;
     if (name != nullptr) {
-        s = toJava(env, fe->kernelVector, name);
+        s = toJava(env, name);
         if (raised(env, fe)) return 0;
         append = mode != nullptr && mode[0] == 'a';
     }
@@ -171,23 +146,19 @@ int RedirectCallBack(void *data, const char *name, const char *mode) {
 
 // The stream's arguments as a String[] (null for none), or null with an
 // exception pending.
-jobjectArray streamArgs(JNIEnv *env, KernelVector kv, int64_t count, char **args) {
-    jclass stringClass = env->FindClass("java/lang/String");
-    if (stringClass == nullptr || count <= 0) {
-        drop(env, stringClass);
-        return nullptr;
-    }
+jobjectArray streamArgs(JNIEnv *env, int64_t count, char **args) {
+    if (count <= 0) return nullptr;
     if (count > INT_MAX) {
-        drop(env, stringClass);
         ambrix::throwOutOfMemory(env, "too many stream arguments");
         return nullptr;
     }
-    jstring first = toJava(env, kv, args[0]);
+    jclass stringClass = ambrix::lookups.boxes[ambrix::kString];
+    jstring first = toJava(env, args[0]);
     jobjectArray array =
         first == nullptr ? nullptr : env->NewObjectArray(static_cast<jsize>(count), stringClass, first);
-    drop(env, first, stringClass);
+    drop(env, first);
     for (jsize i = 1; array != nullptr && i < count; i++) {
-        jstring s = toJava(env, kv, args[i]);
+        jstring s = toJava(env, args[i]);
         if (s != nullptr) env->SetObjectArrayElement(array, i, s);
         drop(env, s);
         if (env->ExceptionCheck()) {
@@ -202,9 +173,8 @@ char *StreamCallBack(void *data, const char *name, int64_t nargs, char **args) {
     CallBackFrontEnd *fe = record(data);
     JNIEnv *env = javaEnv(fe);
     if (env == nullptr) return kEmptyText;
-    KernelVector kv = fe->kernelVector;
-    jstring s = toJava(env, kv, name);
-    jobjectArray array = s == nullptr ? nullptr : streamArgs(env, kv, nargs, args);
+    jstring s = toJava(env, name);
+    jobjectArray array = s == nullptr ? nullptr : streamArgs(env, nargs, args);
     if (env->ExceptionCheck()) {
         drop(env, s);
         raised(env, fe);
@@ -229,7 +199,7 @@ char *CallBackCallBack(void *data, const char *output) {
     CallBackFrontEnd *fe = record(data);
     JNIEnv *env = javaEnv(fe);
     if (env == nullptr) return kEmptyText;
-    jstring s = toJava(env, fe->kernelVector, output);
+    jstring s = toJava(env, output);
     if (raised(env, fe)) return kEmptyText;
     auto answer =
         static_cast<jstring>(env->CallObjectMethod(fe->callBackObject, fe->callBackCallBackID, fe->userData, s));

@@ -9,7 +9,11 @@
 #include <cstdlib>
 
 #include "bridge.h"
+#include "lookups.h"
 #include "text.h"
+
+using ambrix::Lookups;
+using ambrix::lookups;
 
 namespace {
 
@@ -64,55 +68,42 @@ char *kernelCopy(JNIEnv *env, KernelVector kv, jstring s, const jchar *chars) {
     return text;
 }
 
-enum class Box { Boolean, Character, Double, Float, Integer, Long, String };
-
-struct Conversion {
-    const char *className;
-    const char *method;
-    const char *signature;
-    const char *failure;
-    Box box;
-};
-
-// Tried in this order; the first class the argument is an instance of decides.
-const Conversion kConversions[] = {
-    {"java/lang/Boolean", "booleanValue", "()Z", "Could not convert argument to Boolean", Box::Boolean},
-    {"java/lang/Character", "charValue", "()C", "Could not convert to Character", Box::Character},
-    {"java/lang/Double", "doubleValue", "()D", "Could not convert to C double", Box::Double},
-    {"java/lang/Float", "floatValue", "()F", "Could not convert to C float", Box::Float},
-    {"java/lang/Integer", "intValue", "()I", "Could not convert to C int", Box::Integer},
-    {"java/lang/Long", "longValue", "()J", "Could not convert to C long", Box::Long},
-    {"java/lang/String", nullptr, nullptr, nullptr, Box::String},
+// Tried in the order of ambrix::Box; the first class the argument is an
+// instance of decides. What a failed value method reports:
+const char *const kBoxFailures[ambrix::kBoxCount] = {
+    "Could not convert argument to Boolean", "Could not convert to Character", "Could not convert to C double",
+    "Could not convert to C float",          "Could not convert to C int",     "Could not convert to C long",
+    nullptr,
 };
 
 // Calls the value method of a boxed argument and makes the kernel value.
-ALGEB unbox(JNIEnv *env, KernelVector kv, jobject arg, jmethodID method, Box box) {
+ALGEB unbox(JNIEnv *env, KernelVector kv, jobject arg, jmethodID method, ambrix::Box box) {
     switch (box) {
-        case Box::Boolean: {
+        case ambrix::kBoolean: {
             jboolean b = env->CallBooleanMethod(arg, method);
             return env->ExceptionCheck() ? nullptr : ToVexelBoolean(kv, b == 1 ? 1 : 0);
         }
-        case Box::Character: {
+        case ambrix::kCharacter: {
             jchar c = env->CallCharMethod(arg, method);
             return env->ExceptionCheck() ? nullptr : ToVexelChar(kv, c & 0xFF);
         }
-        case Box::Double: {
+        case ambrix::kDouble: {
             jdouble d = env->CallDoubleMethod(arg, method);
             return env->ExceptionCheck() ? nullptr : ToVexelFloat(kv, d);
         }
-        case Box::Float: {
+        case ambrix::kFloat: {
             jfloat f = env->CallFloatMethod(arg, method);
             return env->ExceptionCheck() ? nullptr : ToVexelFloat(kv, static_cast<double>(f));
         }
-        case Box::Integer: {
+        case ambrix::kInteger: {
             jint i = env->CallIntMethod(arg, method);
             return env->ExceptionCheck() ? nullptr : ToVexelInteger(kv, static_cast<int64_t>(i));
         }
-        case Box::Long: {
+        case ambrix::kLong: {
             jlong l = env->CallLongMethod(arg, method);
             return env->ExceptionCheck() ? nullptr : ToVexelInteger64(kv, l);
         }
-        case Box::String:
+        default:
             break;
     }
     return nullptr;
@@ -124,18 +115,9 @@ int convertArg(Held &held, jobject arg, ALGEB *slot) {
     JNIEnv *env = held.env;
     KernelVector kv = held.kv;
     *slot = nullptr;
-    for (const Conversion &conversion : kConversions) {
-        jclass cls = env->FindClass(conversion.className);
-        if (env->ExceptionCheck())
-            return raise(held, "error finding class %1", 1, ToVexelString(kv, conversion.className));
-        if (cls == nullptr) return raise(held, "could not find class %1", 1, ToVexelString(kv, conversion.className));
-        jboolean instance = env->IsInstanceOf(arg, cls);
-        if (!instance) {
-            env->DeleteLocalRef(cls);
-            continue;
-        }
-        if (conversion.box == Box::String) {
-            env->DeleteLocalRef(cls);
+    for (int b = 0; b < ambrix::kBoxCount; b++) {
+        if (!env->IsInstanceOf(arg, lookups.boxes[b])) continue;
+        if (b == ambrix::kString) {
             jstring s = static_cast<jstring>(arg);
             const jchar *chars = env->GetStringChars(s, nullptr);
             char *text = chars == nullptr ? nullptr : kernelCopy(env, kv, s, chars);
@@ -143,16 +125,8 @@ int convertArg(Held &held, jobject arg, ALGEB *slot) {
             *slot = ToVexelString(kv, text != nullptr ? text : "");
             return 0;
         }
-        jmethodID method = env->GetMethodID(cls, conversion.method, conversion.signature);
-        env->DeleteLocalRef(cls);
-        if (env->ExceptionCheck() || method == nullptr) {
-            const char *message = env->ExceptionCheck() ? "error getting method %1::%2" : "could not find method %1::%2";
-            env->ExceptionClear();
-            return raise(held, message, 2, ToVexelString(kv, conversion.className),
-                         ToVexelString(kv, conversion.method));
-        }
-        *slot = unbox(env, kv, arg, method, conversion.box);
-        if (env->ExceptionCheck()) return raise(held, conversion.failure);
+        *slot = unbox(env, kv, arg, lookups.boxValue[b], ambrix::Box(b));
+        if (env->ExceptionCheck()) return raise(held, kBoxFailures[b]);
         return 0;
     }
     return 0;
@@ -160,29 +134,20 @@ int convertArg(Held &held, jobject arg, ALGEB *slot) {
 
 // The steps that read an exception's text, with their messages.
 struct TextSteps {
-    const char *noClass;
-    const char *method;
-    const char *noMethod;
+    jmethodID Lookups::*method;
     const char *noText;
     const char *noChars;
 };
 
-const TextSteps kVexelMessage{"Could not get VexelException's class", "getMessage",
-                              "Error getting VexelException.getMessage", "Error calling VexelException.getMessage",
+const TextSteps kVexelMessage{&Lookups::getMessage, "Error calling VexelException.getMessage",
                               "Could not convert exception to string"};
-const TextSteps kOtherText{"Could not get Exception's class", "toString", "Error getting Exception.toString",
-                           "Error calling Exception.toString", "Could not convert to string"};
+const TextSteps kOtherText{&Lookups::toString, "Error calling Exception.toString", "Could not convert to string"};
 
 // Calls the exception's text method and holds the text's characters in
 // `held` (given back by the raise). Yields nonzero when it raised.
-int holdText(Held &held, jthrowable exc, const TextSteps &steps, jclass *cls) {
+int holdText(Held &held, jthrowable exc, const TextSteps &steps) {
     JNIEnv *env = held.env;
-    *cls = env->GetObjectClass(exc);
-    if (failedStep(env, *cls)) return raise(held, steps.noClass);
-    keep(held, *cls);
-    jmethodID method = env->GetMethodID(*cls, steps.method, "()Ljava/lang/String;");
-    if (failedStep(env, method)) return raise(held, steps.noMethod);
-    auto text = static_cast<jstring>(env->CallObjectMethod(exc, method));
+    auto text = static_cast<jstring>(env->CallObjectMethod(exc, lookups.*steps.method));
     if (failedStep(env, text)) return raise(held, steps.noText);
     keep(held, text);
     const jchar *chars = env->GetStringChars(text, nullptr);
@@ -194,21 +159,16 @@ int holdText(Held &held, jthrowable exc, const TextSteps &steps, jclass *cls) {
 
 int raiseVexelException(Held &held, jthrowable exc) {
     JNIEnv *env = held.env;
-    jclass cls;
-    if (int raised = holdText(held, exc, kVexelMessage, &cls)) return raised;
+    if (int raised = holdText(held, exc, kVexelMessage)) return raised;
     jstring message = held.string;
     const jchar *chars = held.chars;
-    jmethodID getArgCount = env->GetMethodID(cls, "getArgCount", "()I");
-    if (failedStep(env, getArgCount)) return raise(held, "Error getting VexelException.getArgCount");
-    jint n = env->CallIntMethod(exc, getArgCount);
+    jint n = env->CallIntMethod(exc, lookups.vexelArgCount);
     if (env->ExceptionCheck()) return raise(held, "Error calling VexelException.getArgCount");
     if (n > kMaxArgs) return raise(held, "too many arguments in VexelException");
     ALGEB slots[kMaxArgs] = {};
     if (n >= 1) {
-        jmethodID getArg = env->GetMethodID(cls, "getArg", "(I)Ljava/lang/Object;");
-        if (failedStep(env, getArg)) return raise(held, "Error getting VexelException.getArg");
         for (jint i = 0; i < n; i++) {
-            jobject arg = env->CallObjectMethod(exc, getArg, i);
+            jobject arg = env->CallObjectMethod(exc, lookups.vexelArg, i);
             if (failedStep(env, arg)) return raise(held, "Error calling VexelException.getArg");
             int raised = convertArg(held, arg, &slots[i]);
             env->DeleteLocalRef(arg);
@@ -227,8 +187,7 @@ int raiseVexelException(Held &held, jthrowable exc) {
 }
 
 int raiseOtherException(Held &held, jthrowable exc) {
-    jclass cls;
-    if (int raised = holdText(held, exc, kOtherText, &cls)) return raised;
+    if (int raised = holdText(held, exc, kOtherText)) return raised;
     char *text = kernelCopy(held.env, held.kv, held.string, held.chars);
     return raise(held, text != nullptr ? text : kOtherText.noChars);
 }
@@ -243,10 +202,7 @@ int HandleException(JNIEnv *env, KernelVector kv) {
     env->ExceptionClear();
     Held held{env, kv, {}, 0, nullptr, nullptr};
     keep(held, exc);
-    jclass vexelException = env->FindClass("com/quorbit/externalcall/VexelException");
-    if (failedStep(env, vexelException)) return raise(held, "Could not find VexelException");
-    keep(held, vexelException);
-    jboolean isVexel = env->IsInstanceOf(exc, vexelException);
+    jboolean isVexel = env->IsInstanceOf(exc, lookups.vexelException);
     if (env->ExceptionCheck()) return raise(held, "Error in IsInstanceOf");
     return isVexel ? raiseVexelException(held, exc) : raiseOtherException(held, exc);
 }

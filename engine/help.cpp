@@ -18,20 +18,6 @@ struct HelpCallBackData {
     jmethodID writeAttrib;
 };
 
-struct Section {
-    const char *field;
-    const char *keyword;
-};
-
-// The first field whose value equals the caller's section decides.
-const Section kSections[] = {
-    {"VEXEL_HELP_ALL", ""},
-    {"VEXEL_HELP_USAGE", "usage"},
-    {"VEXEL_HELP_DESCRIPTION", "info"},
-    {"VEXEL_HELP_EXAMPLES", "examples"},
-    {"VEXEL_HELP_SEEALSO", "seealso"},
-};
-
 const char *attributeField(int attribute) {
     switch (attribute) {
         case 0: return "VEXEL_ATTRIB_NORMAL";
@@ -78,20 +64,11 @@ int WriteAttribCallBack(void *data, int attribute) {
 }
 
 // The kernel's keyword for a section, or null with an exception pending.
-const char *sectionKeyword(JNIEnv *env, jobject engine, jint section) {
-    jclass cls = env->GetObjectClass(engine);
-    const char *keyword = nullptr;
-    for (const Section &candidate : kSections) {
-        jfieldID id = env->GetStaticFieldID(cls, candidate.field, "I");
-        if (id == nullptr) break;
-        if (env->GetStaticIntField(cls, id) == section) {
-            keyword = candidate.keyword;
-            break;
-        }
-    }
-    env->DeleteLocalRef(cls);
-    if (keyword == nullptr) ambrix::fail(env, "invalid section specified");
-    return keyword;
+const char *sectionKeyword(JNIEnv *env, jint section) {
+    for (int i = 0; i < ambrix::kHelpSectionCount; i++)
+        if (ambrix::lookups.helpSections[i] == section) return ambrix::kHelpSectionKeywords[i];
+    ambrix::fail(env, "invalid section specified");
+    return nullptr;
 }
 
 // Finds the two help methods; false with an exception pending.
@@ -114,7 +91,7 @@ extern "C" JNIEXPORT void JNICALL Java_com_quorbit_ambrix_Engine_getHelp(JNIEnv 
         ambrix::JavaChars chars;
         if (!ambrix::holdChars(env, topic, "Topic is NULL", chars)) return;
         HelpCallBackData help{call.frontEnd, helpCallBacks, data, nullptr, nullptr};
-        const char *keyword = sectionKeyword(env, self, section);
+        const char *keyword = sectionKeyword(env, section);
         char *message = nullptr;
         if (keyword != nullptr && helpMethods(env, help)) {
             message = call.inLock([&]() -> char * {

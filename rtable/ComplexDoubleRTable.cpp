@@ -6,8 +6,6 @@ using ambrix::Call;
 
 namespace {
 
-constexpr const char *kClass = "com/quorbit/ambrix/ComplexDoubleRTable";
-
 VexelComplex64 pairOf(Call &, RTableElement element) { return element.complex64; }
 
 }  // namespace
@@ -52,11 +50,11 @@ JNIEXPORT jdouble JNICALL Java_com_quorbit_ambrix_ComplexDoubleRTable_selectImag
 // The parts' tables are always ComplexDoubleRTable objects: the kernel is
 // not asked for their kind.
 JNIEXPORT jobject JNICALL Java_com_quorbit_ambrix_ComplexDoubleRTable_copyReal(JNIEnv *env, jobject self) {
-    return ambrix::copyTable(env, self, RTableCopyRealPart, kClass);
+    return ambrix::copyTable(env, self, RTableCopyRealPart, ambrix::kComplexDoubleRTable);
 }
 
 JNIEXPORT jobject JNICALL Java_com_quorbit_ambrix_ComplexDoubleRTable_copyImaginary(JNIEnv *env, jobject self) {
-    return ambrix::copyTable(env, self, RTableCopyImPart, kClass);
+    return ambrix::copyTable(env, self, RTableCopyImPart, ambrix::kComplexDoubleRTable);
 }
 
 }  // extern "C"

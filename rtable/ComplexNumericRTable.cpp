@@ -27,11 +27,11 @@ JNIEXPORT jobject JNICALL Java_com_quorbit_ambrix_ComplexNumericRTable_select(JN
 
 // The parts' tables are wrapped as the class their kind selects.
 JNIEXPORT jobject JNICALL Java_com_quorbit_ambrix_ComplexNumericRTable_copyReal(JNIEnv *env, jobject self) {
-    return ambrix::copyTable(env, self, RTableCopyRealPart, nullptr);
+    return ambrix::copyTable(env, self, RTableCopyRealPart);
 }
 
 JNIEXPORT jobject JNICALL Java_com_quorbit_ambrix_ComplexNumericRTable_copyImaginary(JNIEnv *env, jobject self) {
-    return ambrix::copyTable(env, self, RTableCopyImPart, nullptr);
+    return ambrix::copyTable(env, self, RTableCopyImPart);
 }
 
 }  // extern "C"

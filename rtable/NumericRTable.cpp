@@ -12,7 +12,7 @@ JNIEXPORT void JNICALL Java_com_quorbit_ambrix_NumericRTable_assign(JNIEnv *env,
 // made before the lock is released, like every fresh value's wrapper.
 JNIEXPORT jobject JNICALL Java_com_quorbit_ambrix_NumericRTable_select(JNIEnv *env, jobject self, jintArray index) {
     return ambrix::selectElement<jobject>(env, self, index, [](ambrix::Call &call, RTableElement element) {
-        return call.peer(element.dag, "com/quorbit/ambrix/Numeric");
+        return call.peer(element.dag, ambrix::kNumeric);
     });
 }
 

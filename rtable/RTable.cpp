@@ -33,7 +33,7 @@ JNIEXPORT jint JNICALL Java_com_quorbit_ambrix_RTable_upperBound(JNIEnv *env, jo
 
 // The copy has the source's settings, so it is wrapped in the source's class.
 JNIEXPORT jobject JNICALL Java_com_quorbit_ambrix_RTable_copy(JNIEnv *env, jobject self) {
-    return ambrix::copyTable(env, self, RTableCopy, nullptr);
+    return ambrix::copyTable(env, self, RTableCopy);
 }
 
 }  // extern "C"

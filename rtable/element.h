@@ -91,15 +91,15 @@ inline RTableElement handleElement(Call &call) {
 using TableCopy = ALGEB (*)(KernelVector, RTableSettings *, ALGEB);
 
 // The copies: one lock pass reads the table's settings, hands them to
-// `copy` unchanged and wraps the new table, as an object of `className`
-// when one is given, else of the class its kind selects.
-inline jobject copyTable(JNIEnv *env, jobject table, TableCopy copy, const char *className) {
+// `copy` unchanged and wraps the new table, as an object of `peer` when it
+// is not Algebraic, else of the class its kind selects.
+inline jobject copyTable(JNIEnv *env, jobject table, TableCopy copy, Peer peer = kAlgebraic) {
     return valueOp<jobject>(env, table, kTableCopy, {}, [&](Call &call) -> jobject {
         RTableSettings settings{};
         RTableGetSettings(call.kv(), &settings, call.self);
         if (call.pending()) return nullptr;
         ALGEB made = copy(call.kv(), &settings, call.self);
-        return className != nullptr ? call.peer(made, className) : call.wrap(made);
+        return peer != kAlgebraic ? call.peer(made, peer) : call.wrap(made);
     });
 }
 

@@ -1,8 +1,6 @@
 // The natives of Algebraic, the base class of every kernel value wrapper:
 // printing, evaluation, the unique instance, the kind tests and the live
 // store entry points. Also the kernel text to Java string conversion.
-#include <cstring>
-
 #include "text.h"
 #include "values.h"
 
@@ -19,13 +17,9 @@ constexpr Messages kKind{kSelf, "KernelVector is NULL"};
 
 namespace ambrix {
 
-jstring toJavaString(JNIEnv *env, CallBackFrontEnd *frontEnd, const char *text) {
-    if (text == nullptr) return nullptr;
-    auto n = static_cast<jsize>(strlen(text));
-    auto *buffer = static_cast<jchar *>(VexelAlloc(frontEnd->kernelVector, 2 * static_cast<size_t>(n)));
-    if (buffer == nullptr || env->ExceptionCheck()) return nullptr;
-    widenInto(buffer, text, n);
-    return env->NewString(buffer, n);
+jstring toJavaString(JNIEnv *env, const char *text) {
+    if (text == nullptr || env->ExceptionCheck()) return nullptr;
+    return newJavaString(env, text);
 }
 
 }  // namespace ambrix
@@ -40,7 +34,7 @@ JNIEXPORT jstring JNICALL Java_com_quorbit_ambrix_Algebraic_toString(JNIEnv *env
         if (call.pending()) return nullptr;
         const char *text = VexelToString(call.kv(), printed);
         if (call.pending()) return nullptr;
-        return ambrix::toJavaString(call.env, call.frontEnd, text);
+        return ambrix::toJavaString(call.env, text);
     });
 }
 

@@ -10,7 +10,7 @@ extern "C" {
 JNIEXPORT jstring JNICALL Java_com_quorbit_ambrix_VString_stringValue(JNIEnv *env, jobject self) {
     return ambrix::valueOp<jstring>(env, self, {nullptr, "Kernel Vector is NULL"}, {}, [](ambrix::Call &call) {
         const char *text = VexelToString(call.kv(), call.self);
-        return call.pending() ? nullptr : ambrix::toJavaString(call.env, call.frontEnd, text);
+        return call.pending() ? nullptr : ambrix::toJavaString(call.env, text);
     });
 }
 

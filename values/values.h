@@ -11,11 +11,11 @@
 namespace ambrix {
 
 // Kernel text as a Java string (NewString): each byte becomes the code unit
-// of the same value, 0 to 255. The 16-bit buffer comes from VexelAlloc, so
-// the caller holds the kernel lock, and keeps holding it so that the text
-// cannot be reclaimed before it is copied. Null without an exception when
-// the kernel gives no buffer.
-jstring toJavaString(JNIEnv *env, CallBackFrontEnd *frontEnd, const char *text);
+// of the same value, 0 to 255. The caller holds the kernel lock, so that the
+// text cannot be reclaimed before it is copied; the 16-bit buffer is the
+// library's own. Null for null text; null with an OutOfMemoryError pending
+// when there is no memory for it.
+jstring toJavaString(JNIEnv *env, const char *text);
 
 // A value method whose whole work is one kernel operation on the receiver.
 // The kernel's answer goes to Java as a boolean (any nonzero answer is
