@@ -24,6 +24,10 @@ CallBackFrontEnd *frontEndOf(JNIEnv *env, jobject object, bool engine);
 // live store; null for a null handle or with an exception pending.
 jobject newPeer(JNIEnv *env, ALGEB handle, CallBackFrontEnd *frontEnd, Peer peer);
 
+// Takes the kernel lock; false with an exception pending when it was not
+// taken (EnterKernel, with an answer).
+bool enterKernel(JNIEnv *env, CallBackFrontEnd *frontEnd);
+
 // Throws `message` unless an exception is pending; always yields false.
 inline bool fail(JNIEnv *env, const char *message) {
     ThrowVexelException(env, message);
@@ -62,8 +66,7 @@ struct Call {
     // the release.
     template <typename Step>
     bool locked(Step &&step) {
-        EnterKernel(env, frontEnd);
-        if (env->ExceptionCheck()) return false;
+        if (!enterKernel(env, frontEnd)) return false;
         step();
         LeaveKernel(frontEnd);
         return !env->ExceptionCheck();
@@ -129,23 +132,35 @@ struct Messages {
 
 // The value-method frame: the receiver's handle, each argument's handle,
 // the engine's record, then the steps.
+inline bool prepareValue(Call &call, jobject self, Messages messages, std::initializer_list<Arg> args) {
+    if (!readDag(call.env, self, messages.self, call.self)) return false;
+    int i = 0;
+    for (const Arg &arg : args)
+        if (!readDag(call.env, arg.object, arg.message, call.args[i++])) return false;
+    return call.readFrontEnd(self, false, messages.frontEnd);
+}
+
 template <typename R, typename Steps>
 R valueMethod(JNIEnv *env, jobject self, Messages messages, std::initializer_list<Arg> args, Steps &&steps) {
     Call call{env};
-    if (!readDag(env, self, messages.self, call.self)) return zeroResult<R>();
-    int i = 0;
-    for (const Arg &arg : args)
-        if (!readDag(env, arg.object, arg.message, call.args[i++])) return zeroResult<R>();
-    if (!call.readFrontEnd(self, false, messages.frontEnd)) return zeroResult<R>();
+    if (!prepareValue(call, self, messages, args)) return zeroResult<R>();
     return finish<R>(call, steps);
 }
 
-// A value method whose whole work is one kernel step in one lock bracket.
+// A value method whose whole work is one kernel step in one lock bracket;
+// the one place where the frame asks whether an exception is pending.
 template <typename R, typename Step>
 R valueOp(JNIEnv *env, jobject self, Messages messages, std::initializer_list<Arg> args, Step &&step) {
-    return valueMethod<R>(env, self, messages, args, [&](Call &call) -> R {
-        return call.inLock([&]() -> R { return step(call); });
-    });
+    Call call{env};
+    if (!prepareValue(call, self, messages, args) || !enterKernel(env, call.frontEnd)) return zeroResult<R>();
+    if constexpr (std::is_void_v<R>) {
+        step(call);
+        LeaveKernel(call.frontEnd);
+    } else {
+        R result = step(call);
+        LeaveKernel(call.frontEnd);
+        return env->ExceptionCheck() ? R{} : result;
+    }
 }
 
 }  // namespace ambrix

@@ -27,9 +27,7 @@ jfieldID kernelIDField(JNIEnv *env, jobject object) {
 
 CallBackFrontEnd *readFrontEnd(JNIEnv *env, jobject object, jfieldID field) {
     if (field == nullptr) return nullptr;
-    jlong id = env->GetLongField(object, field);
-    if (env->ExceptionCheck()) return nullptr;
-    return reinterpret_cast<CallBackFrontEnd *>(id);
+    return reinterpret_cast<CallBackFrontEnd *>(env->GetLongField(object, field));
 }
 
 }  // namespace

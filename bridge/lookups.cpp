@@ -153,6 +153,7 @@ bool makeLookups(JNIEnv *env, jobject engine, jobject callBacks) {
     s.field(engineClass, "kernelID", l.engineKernelID);
     env->DeleteLocalRef(engineClass);
     s.globalClass("com/quorbit/ambrix/LiveStore", l.liveStore);
+    s.staticMethod(l.liveStore, "attach", "(Ljava/util/WeakHashMap;J)V", l.liveAttach);
     s.staticMethod(l.liveStore, "handles", "(Ljava/util/WeakHashMap;)[J", l.liveHandles);
     s.staticMethod(l.liveStore, "dispose", "(Ljava/util/WeakHashMap;)V", l.disposeStore);
     s.globalClass("com/quorbit/externalcall/VexelException", l.vexelException);

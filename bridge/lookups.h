@@ -61,7 +61,7 @@ struct Lookups {
     jclass weakHashMap;
     jmethodID storeInit, storePut, storeRemove;
     jclass liveStore;                     // the Java side of the collector's passes
-    jmethodID liveHandles, disposeStore;  // static
+    jmethodID liveAttach, liveHandles, disposeStore;  // static
 
     jint textTags[kTextTagCount];          // the callbacks class's VEXEL_TEXT_* values
     jint helpSections[kHelpSectionCount];  // Engine's VEXEL_HELP_* values

@@ -152,6 +152,10 @@ JNIEXPORT jlong JNICALL Java_com_quorbit_ambrix_Engine_getKernel(JNIEnv *env, jo
         if (failure != nullptr) env->Throw(failure);
         return 0;
     }
+    // From here on, new wrappers register themselves in the store from Java.
+    env->CallStaticVoidMethod(ambrix::lookups.liveStore, ambrix::lookups.liveAttach, frontEnd->liveAlgebStore,
+                              reinterpret_cast<jlong>(frontEnd));
+    if (env->ExceptionCheck()) return 0;
     makeVexelPointer(frontEnd);
     RegisterRestartCallBack(kv, restartCallBack);
     // From here on env names the thread inside the kernel, and no thread is.

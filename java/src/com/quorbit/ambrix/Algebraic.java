@@ -28,7 +28,9 @@ public class Algebraic {
     Algebraic(long dag, long kernelID) {
         this.dag = dag;
         this.kernelID = kernelID;
-        addToLiveAlgebStore();
+        if (!LiveStore.add(this)) {
+            addToLiveAlgebStore();
+        }
     }
 
     /**

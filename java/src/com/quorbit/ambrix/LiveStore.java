@@ -10,7 +10,35 @@ import java.util.WeakHashMap;
  * monitor: one call per pass, instead of one native round trip per wrapper.
  */
 final class LiveStore {
+    /** The engine's store, and the address of the engine's record it serves. */
+    private static volatile WeakHashMap<Object, Object> store;
+    private static volatile long engineID;
+
     private LiveStore() {}
+
+    /** Called by the native library once the engine has started. */
+    static void attach(WeakHashMap<Object, Object> liveStore, long kernelID) {
+        engineID = kernelID;
+        store = liveStore;
+    }
+
+    /**
+     * Registers a new wrapper of the running engine in its store, under the
+     * kernel lock, without a native round trip.
+     *
+     * @return false when the wrapper is not of the running engine: the native
+     *         library decides what that means
+     */
+    static boolean add(Algebraic wrapper) {
+        WeakHashMap<Object, Object> s = store;
+        if (s == null || wrapper.kernelID != engineID) {
+            return false;
+        }
+        synchronized (s) {
+            s.put(wrapper, null);
+        }
+        return true;
+    }
 
     /**
      * The handles of the wrappers in the store, one per wrapper Java can
