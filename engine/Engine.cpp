@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cstdlib>
 
+#include "arrays.h"
 #include "engine.h"
 #include "text.h"
 
@@ -206,6 +207,20 @@ JNIEXPORT jobject JNICALL Java_com_quorbit_ambrix_Engine_newExpseq(JNIEnv *env, 
 JNIEXPORT jobject JNICALL Java_com_quorbit_ambrix_Engine_newList(JNIEnv *env, jobject self, jint size) {
     return factory(env, self, ambrix::kList,
                    [=](KernelVector kv) { return VexelListAlloc(kv, static_cast<int64_t>(size)); });
+}
+
+// A list of the given values, made and filled in one pass.
+JNIEXPORT jobject JNICALL Java_com_quorbit_ambrix_Engine_newListOf(JNIEnv *env, jobject self, jobjectArray elements) {
+    return ambrix::engineMethod<jobject>(env, self, [&](Call &call) -> jobject {
+        ambrix::Handles values;
+        if (!values.read(env, elements)) return nullptr;
+        return call.inLock([&]() -> jobject {
+            ALGEB list = VexelListAlloc(call.kv(), values.length);
+            for (jsize i = 0; i < values.length && !call.pending(); i++)
+                VexelListAssign(call.kv(), list, i + 1, values.handles[i]);
+            return call.pending() ? nullptr : call.peer(list, ambrix::kList);
+        });
+    });
 }
 
 JNIEXPORT jobject JNICALL Java_com_quorbit_ambrix_Engine_newNumeric__J(JNIEnv *env, jobject self, jlong value) {

@@ -1,5 +1,5 @@
 // The natives of AlgebraicRTable: elements that are any kernel value.
-#include "element.h"
+#include "bulk.h"
 
 extern "C" {
 
@@ -13,6 +13,17 @@ JNIEXPORT void JNICALL Java_com_quorbit_ambrix_AlgebraicRTable_assign(JNIEnv *en
 JNIEXPORT jobject JNICALL Java_com_quorbit_ambrix_AlgebraicRTable_select(JNIEnv *env, jobject self, jintArray index) {
     return ambrix::selectElement<jobject>(
         env, self, index, [](ambrix::Call &call, RTableElement element) { return call.wrap(element.dag); });
+}
+
+JNIEXPORT jobjectArray JNICALL Java_com_quorbit_ambrix_AlgebraicRTable_toArray(JNIEnv *env, jobject self) {
+    return ambrix::valuesToArray(
+        env, self, [](ambrix::Call &, RTableElement element) { return element.dag; },
+        [](ambrix::Call &call, ALGEB value) { return call.wrap(value); });
+}
+
+JNIEXPORT void JNICALL Java_com_quorbit_ambrix_AlgebraicRTable_assignAll(JNIEnv *env, jobject self,
+                                                                         jobjectArray values) {
+    ambrix::valuesAssignAll(env, self, values, ambrix::handleElementOf);
 }
 
 }  // extern "C"

@@ -1,12 +1,16 @@
 // The natives of ComplexDoubleRTable: elements that are pairs of doubles,
 // real part first, read whole or one part at a time.
-#include "element.h"
+#include "bulk.h"
 
 using ambrix::Call;
 
 namespace {
 
 VexelComplex64 pairOf(Call &, RTableElement element) { return element.complex64; }
+
+// Each element is two doubles in the Java array, the real part first: the
+// layout the kernel stores complex[8] in.
+using Pairs = ambrix::PrimitiveLayout<jdouble, RTABLE_COMPLEX64, 2>;
 
 }  // namespace
 
@@ -55,6 +59,22 @@ JNIEXPORT jobject JNICALL Java_com_quorbit_ambrix_ComplexDoubleRTable_copyReal(J
 
 JNIEXPORT jobject JNICALL Java_com_quorbit_ambrix_ComplexDoubleRTable_copyImaginary(JNIEnv *env, jobject self) {
     return ambrix::copyTable(env, self, RTableCopyImPart, ambrix::kComplexDoubleRTable);
+}
+
+JNIEXPORT jdoubleArray JNICALL Java_com_quorbit_ambrix_ComplexDoubleRTable_toArray(JNIEnv *env, jobject self) {
+    return ambrix::primitiveToArray<Pairs>(env, self, [](const RTableElement &element, jdouble *out) {
+        out[0] = element.complex64.re;
+        out[1] = element.complex64.im;
+    });
+}
+
+JNIEXPORT void JNICALL Java_com_quorbit_ambrix_ComplexDoubleRTable_assignAll(JNIEnv *env, jobject self,
+                                                                             jdoubleArray values) {
+    ambrix::primitiveAssignAll<Pairs>(env, self, values, [](const jdouble *in) {
+        RTableElement element{};
+        element.complex64 = {in[0], in[1]};
+        return element;
+    });
 }
 
 }  // extern "C"

@@ -1,6 +1,6 @@
 // The natives of ComplexNumericRTable: elements that are pairs of kernel
 // values, real part first, crossing to Java as one complex value.
-#include "element.h"
+#include "bulk.h"
 
 using ambrix::Call;
 
@@ -32,6 +32,24 @@ JNIEXPORT jobject JNICALL Java_com_quorbit_ambrix_ComplexNumericRTable_copyReal(
 
 JNIEXPORT jobject JNICALL Java_com_quorbit_ambrix_ComplexNumericRTable_copyImaginary(JNIEnv *env, jobject self) {
     return ambrix::copyTable(env, self, RTableCopyImPart);
+}
+
+JNIEXPORT jobjectArray JNICALL Java_com_quorbit_ambrix_ComplexNumericRTable_toArray(JNIEnv *env, jobject self) {
+    return ambrix::valuesToArray(
+        env, self,
+        [](Call &call, RTableElement element) {
+            return ToVexelComplexFloat(call.kv(), element.cxdag.re, element.cxdag.im);
+        },
+        [](Call &call, ALGEB value) { return call.wrap(value); });
+}
+
+JNIEXPORT void JNICALL Java_com_quorbit_ambrix_ComplexNumericRTable_assignAll(JNIEnv *env, jobject self,
+                                                                              jobjectArray values) {
+    ambrix::valuesAssignAll(env, self, values, [](Call &call, ALGEB value) {
+        RTableElement element{};
+        element.cxdag = VexelToComplexFloatDAG(call.kv(), value);
+        return element;
+    });
 }
 
 }  // extern "C"

@@ -1,5 +1,5 @@
 // The natives of NumericRTable: elements that are kernel floats.
-#include "element.h"
+#include "bulk.h"
 
 extern "C" {
 
@@ -14,6 +14,17 @@ JNIEXPORT jobject JNICALL Java_com_quorbit_ambrix_NumericRTable_select(JNIEnv *e
     return ambrix::selectElement<jobject>(env, self, index, [](ambrix::Call &call, RTableElement element) {
         return call.peer(element.dag, ambrix::kNumeric);
     });
+}
+
+JNIEXPORT jobjectArray JNICALL Java_com_quorbit_ambrix_NumericRTable_toArray(JNIEnv *env, jobject self) {
+    return ambrix::valuesToArray(
+        env, self, [](ambrix::Call &, RTableElement element) { return element.dag; },
+        [](ambrix::Call &call, ALGEB value) { return call.peer(value, ambrix::kNumeric); });
+}
+
+JNIEXPORT void JNICALL Java_com_quorbit_ambrix_NumericRTable_assignAll(JNIEnv *env, jobject self,
+                                                                       jobjectArray values) {
+    ambrix::valuesAssignAll(env, self, values, ambrix::handleElementOf);
 }
 
 }  // extern "C"

@@ -81,11 +81,13 @@ R selectElement(JNIEnv *env, jobject table, jintArray index, Take &&take) {
 
 // The element record of the natives whose value is a Java object: the
 // value's handle itself.
-inline RTableElement handleElement(Call &call) {
+inline RTableElement handleElementOf(Call &, ALGEB value) {
     RTableElement element{};
-    element.dag = call.args[0];
+    element.dag = value;
     return element;
 }
+
+inline RTableElement handleElement(Call &call) { return handleElementOf(call, call.args[0]); }
 
 // A kernel operation that makes a new table from a table and its settings.
 using TableCopy = ALGEB (*)(KernelVector, RTableSettings *, ALGEB);

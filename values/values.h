@@ -4,9 +4,10 @@
 #ifndef AMBRIX_VALUES_H
 #define AMBRIX_VALUES_H
 
+#include <climits>
 #include <type_traits>
 
-#include "frame.h"
+#include "arrays.h"
 
 namespace ambrix {
 
@@ -48,6 +49,19 @@ inline jobject selectAt(JNIEnv *env, jobject self, Messages messages, jint index
                             [&](Call &call) { return call.wrap(select(call.kv(), call.self, index)); });
 }
 
+// Every element in one pass, each wrapped as the class its kind selects.
+inline jobjectArray allElements(JNIEnv *env, jobject self, Messages messages,
+                                ALGEB (*select)(KernelVector, ALGEB, int64_t)) {
+    return valueOp<jobjectArray>(env, self, messages, {}, [&](Call &call) -> jobjectArray {
+        int64_t length = VexelNumArgs(call.kv(), call.self);
+        if (call.pending()) return nullptr;
+        if (length < 0 || length > INT_MAX) return fail(env, "Table too large for a Java array"), nullptr;
+        return wrappedArray(
+            call, static_cast<jsize>(length), [&](jsize i) { return select(call.kv(), call.self, i + 1); },
+            [&](ALGEB value) { return call.wrap(value); });
+    });
+}
+
 }  // namespace ambrix
 
 // The natives that are nothing but ofReceiver: each line that uses this
@@ -58,9 +72,9 @@ inline jobject selectAt(JNIEnv *env, jobject self, Messages messages, jint index
         return ambrix::ofReceiver<JType>(env, self, messages, operation);                                      \
     }
 
-// The three natives of List and of Expseq, which differ only in their
-// messages and kernel operations: assign(int, Algebraic), select(int) and
-// length(). The front end's message is "CallBackFrontEnd is NULL" where an
+// The four natives of List and of Expseq, which differ only in their
+// messages and kernel operations: assign(int, Algebraic), select(int),
+// length() and toArray(). The front end's message is "CallBackFrontEnd is NULL" where an
 // element is read, "Kernel Vector is NULL" elsewhere.
 #define AMBRIX_SEQUENCE_NATIVES(Class, selfMessage, assignOperation, selectOperation)                                 \
     extern "C" JNIEXPORT void JNICALL Java_com_quorbit_ambrix_##Class##_assign(JNIEnv *env, jobject self, jint index, \
@@ -70,6 +84,9 @@ inline jobject selectAt(JNIEnv *env, jobject self, Messages messages, jint index
     extern "C" JNIEXPORT jobject JNICALL Java_com_quorbit_ambrix_##Class##_select(JNIEnv *env, jobject self,          \
                                                                                   jint index) {                       \
         return ambrix::selectAt(env, self, {selfMessage, "CallBackFrontEnd is NULL"}, index, selectOperation);        \
+    }                                                                                                                 \
+    extern "C" JNIEXPORT jobjectArray JNICALL Java_com_quorbit_ambrix_##Class##_toArray(JNIEnv *env, jobject self) { \
+        return ambrix::allElements(env, self, {selfMessage, "CallBackFrontEnd is NULL"}, selectOperation);            \
     }                                                                                                                 \
     AMBRIX_RECEIVER_NATIVE(Class, length, jint, (ambrix::Messages{selfMessage, "Kernel Vector is NULL"}), VexelNumArgs)
 
