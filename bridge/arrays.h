@@ -48,7 +48,7 @@ jobjectArray wrappedArray(Call &call, jsize length, Value &&value, Wrap &&wrap) 
     if (array == nullptr) return nullptr;
     for (jsize i = 0; i < length; i++) {
         ALGEB made = value(i);
-        if (call.pending()) return nullptr;
+        if (call.kernelFailed()) return nullptr;
         jobject wrapper = wrap(made);
         if (wrapper == nullptr) return nullptr;
         env->SetObjectArrayElement(array, i, wrapper);

@@ -8,6 +8,8 @@
 #ifndef AMBRIX_FRAME_H
 #define AMBRIX_FRAME_H
 
+#include <atomic>
+#include <cstdint>
 #include <initializer_list>
 #include <type_traits>
 
@@ -23,6 +25,17 @@ CallBackFrontEnd *frontEndOf(JNIEnv *env, jobject object, bool engine);
 // A new Java object of the peer class for a kernel value, registered in the
 // live store; null for a null handle or with an exception pending.
 jobject newPeer(JNIEnv *env, ALGEB handle, CallBackFrontEnd *frontEnd, Peer peer);
+
+// Counts the entries through which a kernel call reaches Java: the callback
+// entry points, the help callbacks and the collector's passes. Only they can
+// leave a Java exception pending while the kernel runs, so a step that saw
+// the count unchanged across a kernel call knows that call reported nothing,
+// without asking the VM. Written only by the thread that holds the lock.
+extern std::atomic<uint64_t> javaEntries;
+
+inline void noteJavaEntry() {
+    javaEntries.store(javaEntries.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+}
 
 // Takes the kernel lock; false with an exception pending when it was not
 // taken (EnterKernel, with an answer).
@@ -54,6 +67,7 @@ struct Call {
     CallBackFrontEnd *frontEnd = nullptr;
     ALGEB self = nullptr;     // the receiver's handle (value methods)
     ALGEB args[3] = {};       // the handles of the Arg list, in order
+    uint64_t entries = 0;     // javaEntries when last seen with nothing pending
 
     KernelVector kv() const { return frontEnd->kernelVector; }
 
@@ -61,12 +75,29 @@ struct Call {
     // pass makes no further kernel call.
     bool pending() const { return env->ExceptionCheck(); }
 
+    // After a kernel call in a loop: whether the kernel left an exception
+    // pending. The VM is asked only when Java was entered since the last ask.
+    bool kernelFailed() {
+        uint64_t now = javaEntries.load(std::memory_order_relaxed);
+        if (now == entries) return false;
+        if (env->ExceptionCheck()) return true;
+        entries = now;
+        return false;
+    }
+
+    // Takes the lock and starts counting the kernel's entries into Java.
+    bool enter() {
+        if (!enterKernel(env, frontEnd)) return false;
+        entries = javaEntries.load(std::memory_order_relaxed);
+        return true;
+    }
+
     // One pass through the kernel lock: `step` runs with the lock held.
     // False when the lock was not taken or an exception is pending after
     // the release.
     template <typename Step>
     bool locked(Step &&step) {
-        if (!enterKernel(env, frontEnd)) return false;
+        if (!enter()) return false;
         step();
         LeaveKernel(frontEnd);
         return !env->ExceptionCheck();
@@ -152,7 +183,7 @@ R valueMethod(JNIEnv *env, jobject self, Messages messages, std::initializer_lis
 template <typename R, typename Step>
 R valueOp(JNIEnv *env, jobject self, Messages messages, std::initializer_list<Arg> args, Step &&step) {
     Call call{env};
-    if (!prepareValue(call, self, messages, args) || !enterKernel(env, call.frontEnd)) return zeroResult<R>();
+    if (!prepareValue(call, self, messages, args) || !call.enter()) return zeroResult<R>();
     if constexpr (std::is_void_v<R>) {
         step(call);
         LeaveKernel(call.frontEnd);

@@ -69,6 +69,7 @@ CallBackFrontEnd *storeOwner(ALGEB storePointer) {
 }
 
 void markLiveAlgebStore(ALGEB storePointer) {
+    ambrix::noteJavaEntry();
     CallBackFrontEnd *frontEnd = storeOwner(storePointer);
     // Java is reached only through a thread inside a kernel call.
     if (frontEnd == nullptr || frontEnd->env == nullptr) return;
@@ -99,6 +100,7 @@ void markLiveAlgebStore(ALGEB storePointer) {
 }
 
 void disposeLiveAlgebStore(ALGEB storePointer) {
+    ambrix::noteJavaEntry();
     CallBackFrontEnd *frontEnd = storeOwner(storePointer);
     if (frontEnd == nullptr || frontEnd->env == nullptr) return;
     JNIEnv *env = frontEnd->env;

@@ -5,6 +5,8 @@
 
 namespace ambrix {
 
+std::atomic<uint64_t> javaEntries{0};
+
 bool enterKernel(JNIEnv *env, CallBackFrontEnd *frontEnd) {
     // The record holds one env and no nesting count: a Java callback that
     // calls back into the engine would clear it under the outer call.

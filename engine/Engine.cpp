@@ -216,7 +216,7 @@ JNIEXPORT jobject JNICALL Java_com_quorbit_ambrix_Engine_newListOf(JNIEnv *env, 
         if (!values.read(env, elements)) return nullptr;
         return call.inLock([&]() -> jobject {
             ALGEB list = VexelListAlloc(call.kv(), values.length);
-            for (jsize i = 0; i < values.length && !call.pending(); i++)
+            for (jsize i = 0; i < values.length && !call.kernelFailed(); i++)
                 VexelListAssign(call.kv(), list, i + 1, values.handles[i]);
             return call.pending() ? nullptr : call.peer(list, ambrix::kList);
         });

@@ -12,7 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "bridge.h"
+#include "frame.h"
 #include "text.h"
 
 namespace {
@@ -22,6 +22,7 @@ char kEmptyText[1] = "";
 
 // The record's env when Java may be called now; null otherwise.
 JNIEnv *javaEnv(CallBackFrontEnd *frontEnd) {
+    ambrix::noteJavaEntry();
     JNIEnv *env = frontEnd->env;
     return env == nullptr || env->ExceptionCheck() ? nullptr : env;
 }

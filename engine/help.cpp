@@ -31,6 +31,7 @@ const char *attributeField(int attribute) {
 // The record's env when Java may be called now; a pending exception (a
 // callback threw) stops the output.
 JNIEnv *javaEnv(const HelpCallBackData *help) {
+    ambrix::noteJavaEntry();
     JNIEnv *env = help->frontEnd->env;
     return env == nullptr || env->ExceptionCheck() ? nullptr : env;
 }

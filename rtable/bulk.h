@@ -143,7 +143,7 @@ typename JavaArray<typename Layout::Element>::Array primitiveToArray(JNIEnv *env
             jsize n = 0;
             for (; n < kBulkChunk * Layout::scale && at + n < length; n += Layout::scale, walk.next()) {
                 RTableElement element = RTableSelect(call.kv(), call.self, walk.index);
-                if (call.pending()) return nullptr;
+                if (call.kernelFailed()) return nullptr;
                 read(element, chunk + n);
             }
             A::set(env, array, at, n, chunk);
@@ -176,7 +176,7 @@ void primitiveAssignAll(JNIEnv *env, jobject table, typename JavaArray<typename 
             A::get(env, values, at, n, chunk);
             for (jsize k = 0; k < n; k += Layout::scale, walk.next()) {
                 RTableAssign(call.kv(), call.self, walk.index, make(chunk + k));
-                if (call.pending()) return;
+                if (call.kernelFailed()) return;
             }
             at += n;
         }
@@ -197,7 +197,7 @@ jobjectArray valuesToArray(JNIEnv *env, jobject table, Take &&take, Wrap &&wrap)
             [&](jsize i) {
                 if (i > 0) walk.next();
                 RTableElement element = RTableSelect(call.kv(), call.self, walk.index);
-                return call.pending() ? nullptr : take(call, element);
+                return call.kernelFailed() ? nullptr : take(call, element);
             },
             [&](ALGEB value) { return wrap(call, value); });
     });
@@ -218,10 +218,10 @@ void valuesAssignAll(JNIEnv *env, jobject table, jobjectArray values, Make &&mak
         call.locked([&] {
             jsize length = 0;
             if (!matchingLength(call, values, 1, length)) return;
-            for (jsize i = 0; i < length && !call.pending(); i++) elements[i] = make(call, handles.handles[i]);
+            for (jsize i = 0; i < length && !call.kernelFailed(); i++) elements[i] = make(call, handles.handles[i]);
             IndexWalk walk;
             if (call.pending() || (length > 0 && !walk.start(call))) return;
-            for (jsize i = 0; i < length && !call.pending(); i++, walk.next())
+            for (jsize i = 0; i < length && !call.kernelFailed(); i++, walk.next())
                 RTableAssign(call.kv(), call.self, walk.index, elements[i]);
         });
         free(elements);
