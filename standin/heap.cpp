@@ -155,6 +155,8 @@ void *block_alloc(size_t n) {
 
 // ---- marking ----
 
+static void mark_children(Slot &s);
+
 void gc_mark(H h) {
     if (!K->marking) fail("VexelGcMark called outside a collection");
     if (h == 0) fail("invalid or reclaimed value");
@@ -162,8 +164,18 @@ void gc_mark(H h) {
         check(h);
         return;
     }
-    check(h);
-    K->worklist.push_back(h);
+    Slot *s = slot_of(h);
+    if (!s) fail("invalid or reclaimed value");
+    // Marked here while the cell is at hand, so that a long run of marks from
+    // an embedder does not visit each cell twice. A pointer value goes to the
+    // worklist, whose drain runs its mark function.
+    if (s->mark) return;
+    if (s->kind == Kind::Pointer) {
+        K->worklist.push_back(h);
+        return;
+    }
+    s->mark = true;
+    mark_children(*s);
 }
 
 void gc_protect(H h) {
