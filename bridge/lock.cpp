@@ -2,6 +2,7 @@
 // records the calling thread's JNIEnv in the front end, where the kernel's
 // callbacks find Java.
 #include "bridge.h"
+#include "interrupt.h"
 
 extern "C" {
 
@@ -16,6 +17,7 @@ void EnterKernel(JNIEnv *env, CallBackFrontEnd *frontEnd) {
         ThrowVexelException(env, "error occured obtaining kernel lock");
         return;
     }
+    ambrix::beginKernelCall(frontEnd);
     __atomic_store_n(&frontEnd->env, env, __ATOMIC_RELEASE);
 }
 
