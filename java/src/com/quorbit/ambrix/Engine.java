@@ -25,10 +25,20 @@ import java.time.Duration;
  *     System.out.println(a);        // 1267650600228229401496703205376
  * }
  * }</pre>
+ *
+ * <p>The native libraries load with the class: by default the copies that
+ * {@code ambrix.jar} carries, so that {@code java -cp ambrix.jar:. App} needs
+ * no library path. The system property {@code ambrix.library.path} names a
+ * folder holding {@code libambrix.so} (and, optionally, the kernel
+ * {@code libvexelc.so}) to use instead; {@code ambrix.kernel}, or the
+ * environment variable {@code AMBRIX_KERNEL}, names a kernel library file to
+ * use instead of the stand-in kernel. A jar without native libraries falls
+ * back to {@code java.library.path}. A failure to load throws
+ * {@link UnsatisfiedLinkError} naming every path tried.
  */
 public class Engine implements AutoCloseable {
     static {
-        System.loadLibrary("ambrix");
+        NativeLibraries.load();
     }
 
     /** Help section selector: every section. */
