@@ -2,6 +2,7 @@
 // records the calling thread's JNIEnv in the front end, where the kernel's
 // callbacks find Java.
 #include "frame.h"
+#include "interrupt.h"
 
 namespace ambrix {
 
@@ -13,6 +14,7 @@ bool enterKernel(JNIEnv *env, CallBackFrontEnd *frontEnd) {
     if (__atomic_load_n(&frontEnd->env, __ATOMIC_ACQUIRE) == env)
         return fail(env, "kernel re-entered from a callback");
     if (env->MonitorEnter(frontEnd->liveAlgebStore) < 0) return fail(env, "error occured obtaining kernel lock");
+    beginKernelCall(frontEnd);
     __atomic_store_n(&frontEnd->env, env, __ATOMIC_RELEASE);
     return true;
 }

@@ -13,6 +13,7 @@
 #include <cstring>
 
 #include "frame.h"
+#include "interrupt.h"
 #include "text.h"
 
 namespace {
@@ -189,6 +190,8 @@ char *StreamCallBack(void *data, const char *name, int64_t nargs, char **args) {
 
 int QueryInterrupt(void *data) {
     CallBackFrontEnd *fe = record(data);
+    // The engine's own request comes first and needs no Java call.
+    if (ambrix::interruptRequested(fe)) return 1;
     JNIEnv *env = javaEnv(fe);
     if (env == nullptr) return 0;
     jboolean r = env->CallBooleanMethod(fe->callBackObject, fe->queryInterruptID, fe->userData);

@@ -3,6 +3,7 @@
 #include <cstdlib>
 
 #include "bridge.h"
+#include "interrupt.h"
 #include "text.h"
 
 namespace {
@@ -36,7 +37,7 @@ CallBackFrontEnd *NewCallBackFrontEnd(JNIEnv *env, jobject callBackObject, jobje
         ThrowVexelException(env, "CallBacks is NULL");
         return nullptr;
     }
-    auto *record = static_cast<CallBackFrontEnd *>(calloc(1, sizeof(CallBackFrontEnd)));
+    CallBackFrontEnd *record = ambrix::allocateFrontEnd();
     if (record == nullptr) {
         ambrix::throwOutOfMemory(env, "Failed to allocate CallBackFrontEnd");
         return nullptr;

@@ -1,6 +1,7 @@
 package com.quorbit.ambrix;
 
 import com.quorbit.externalcall.VexelException;
+import java.time.Duration;
 
 /**
  * The running Vexel kernel.
@@ -14,18 +15,30 @@ import com.quorbit.externalcall.VexelException;
  * <p>Any thread may use the engine and its values; kernel calls are
  * serialised. Values ({@link Algebraic} and its subclasses) keep their kernel
  * value alive for as long as Java can reach them, until {@link #restart()}
- * discards them all.
+ * discards them all. Another thread may end a long evaluation with
+ * {@link #interrupt()}, and {@link #evaluate(String, Duration)} gives one a
+ * time limit.
  *
  * <pre>{@code
- * Engine engine = new Engine(new String[0], new EngineCallBacksDefault(), null);
- * Algebraic a = engine.evaluate("2^100:");
- * System.out.println(a);            // 1267650600228229401496703205376
- * engine.stop();
+ * try (Engine engine = new Engine(new String[] {"-q"}, new EngineCallBacksDefault(), null)) {
+ *     Algebraic a = engine.evaluate("2^100:");
+ *     System.out.println(a);        // 1267650600228229401496703205376
+ * }
  * }</pre>
+ *
+ * <p>The native libraries load with the class: by default the copies that
+ * {@code ambrix.jar} carries, so that {@code java -cp ambrix.jar:. App} needs
+ * no library path. The system property {@code ambrix.library.path} names a
+ * folder holding {@code libambrix.so} (and, optionally, the kernel
+ * {@code libvexelc.so}) to use instead; {@code ambrix.kernel}, or the
+ * environment variable {@code AMBRIX_KERNEL}, names a kernel library file to
+ * use instead of the stand-in kernel. A jar without native libraries falls
+ * back to {@code java.library.path}. A failure to load throws
+ * {@link UnsatisfiedLinkError} naming every path tried.
  */
-public class Engine {
+public class Engine implements AutoCloseable {
     static {
-        System.loadLibrary("ambrix");
+        NativeLibraries.load();
     }
 
     /** Help section selector: every section. */
@@ -76,6 +89,85 @@ public class Engine {
     public native Algebraic evaluate(String statement);
 
     /**
+     * Evaluates as {@link #evaluate(String)} does, within a time limit. Past
+     * the limit the evaluation is interrupted (see {@link #interrupt()}), and
+     * this method throws, whatever the error callback did with the kernel's
+     * interrupt error. The limit counts from the moment this evaluation
+     * holds the kernel lock; until it ends, other threads' kernel calls wait,
+     * so the interrupt can only reach this evaluation.
+     *
+     * <p>The kernel sees the interrupt at its next interrupt query (once per
+     * loop iteration); a computation that asks none runs to its end, and the
+     * call still throws. A zero limit has passed already: nothing is
+     * evaluated.
+     *
+     * @param statement the statement text
+     * @param timeout   the time limit, zero or more
+     * @return the value of the last statement, as {@link #evaluate(String)}
+     * @throws VexelException "time limit of ... s passed" when the limit
+     *                        passed before the evaluation ended (with the
+     *                        evaluation's own exception, if any, as its
+     *                        cause); "Timeout is NULL" or "Timeout is
+     *                        negative" for a bad limit; otherwise as
+     *                        {@link #evaluate(String)}
+     */
+    public Algebraic evaluate(String statement, Duration timeout) {
+        if (timeout == null) {
+            throw new VexelException("Timeout is NULL");
+        }
+        if (timeout.isNegative()) {
+            throw new VexelException("Timeout is negative");
+        }
+        if (statement == null) {
+            throw new VexelException("Statement is NULL");
+        }
+        synchronized (kernelLock()) {
+            TimeLimit limit = TimeLimit.start(this, timeout);
+            Algebraic result = null;
+            RuntimeException failure = null;
+            boolean passed;
+            try {
+                if (!limit.passed()) {
+                    result = evaluate(statement);
+                }
+            } catch (RuntimeException e) {
+                failure = e;
+            } finally {
+                passed = limit.end();
+            }
+            if (passed) {
+                throw limit.error(failure);
+            }
+            if (failure != null) {
+                throw failure;
+            }
+            return result;
+        }
+    }
+
+    /** The kernel lock's monitor (also the live store). */
+    private native Object kernelLock();
+
+    /**
+     * Ends the kernel call running at this moment, from any thread, without
+     * waiting for the kernel lock: typically an {@link #evaluate} on another
+     * thread. The kernel notices at its next interrupt query (once per loop
+     * iteration) and reports its interrupt error, "computation interrupted",
+     * as when {@link EngineCallBacks#queryInterrupt} answers true: through
+     * {@link EngineCallBacks#errorCallBack}, so that with
+     * {@link EngineCallBacksDefault} the interrupted call throws a
+     * {@link VexelException}. The request is consulted before the callbacks
+     * object is asked.
+     *
+     * <p>A request made while no kernel call runs is dropped; it never
+     * reaches a later call.
+     *
+     * @throws VexelException "Engine is null, it may have been stopped." once
+     *                        the engine is stopped
+     */
+    public native void interrupt();
+
+    /**
      * Restarts the kernel: every kernel value is discarded and every name
      * unassigned. Values obtained before are disposed and throw
      * {@link VexelException} when used.
@@ -84,6 +176,17 @@ public class Engine {
 
     /** Stops the kernel. The engine cannot be used afterwards, nor can another be started. */
     public native void stop();
+
+    /**
+     * Stops the kernel, as {@link #stop()}, unless it is stopped already: a
+     * second {@code close()} does nothing.
+     */
+    @Override
+    public synchronized void close() {
+        if (kernelID != 0) {
+            stop();
+        }
+    }
 
     /**
      * Writes the kernel's help on a topic to a {@link HelpCallBacks} object.
