@@ -8,18 +8,15 @@ import java.nio.charset.Charset;
 import java.util.concurrent.LinkedBlockingQueue;
 
 /**
- * The shell's input: lines of standard input, read ahead on a thread of their
- * own so that an interrupt can wake up a reader that waits for a line.
+ * The shell's plain input: lines of standard input (a pipe, a file, or a
+ * terminal when line editing is not available), read ahead on a thread of
+ * their own so that an interrupt can wake up a reader that waits for a line.
  *
- * <p>{@link #take()} returns the next line, {@link #EOF} at the end of input
+ * <p>{@link #take} returns the next line, {@link #EOF} at the end of input
  * (and on every call after that), or {@link #INTERRUPT} when
  * {@link #interrupt()} was called while nothing was waiting before it.
  */
-final class InputLines {
-    /** Returned at the end of input. */
-    static final Object EOF = new Object();
-    /** Returned after {@link #interrupt()}. */
-    static final Object INTERRUPT = new Object();
+final class InputLines implements LineInput {
 
     private final InputStream stream;
     private final LinkedBlockingQueue<Object> queue = new LinkedBlockingQueue<>();
@@ -30,12 +27,13 @@ final class InputLines {
         this.stream = stream;
     }
 
-    /**
-     * Waits for the next line.
-     *
-     * @return a {@code String}, {@link #EOF} or {@link #INTERRUPT}
-     */
-    Object take() {
+    /** Prints the prompt, if any, and waits for the next line. */
+    @Override
+    public Object take(String prompt) {
+        if (prompt != null) {
+            System.out.print(prompt);
+            System.out.flush();
+        }
         if (ended) {
             return EOF;
         }
@@ -53,13 +51,13 @@ final class InputLines {
         return item;
     }
 
-    /** Wakes up the reader waiting in {@link #take()}, or the next one. */
-    void interrupt() {
+    @Override
+    public void interrupt() {
         queue.add(INTERRUPT);
     }
 
-    /** Forgets interrupts that nobody has taken yet. */
-    void clearInterrupts() {
+    @Override
+    public void clearInterrupts() {
         queue.removeIf(item -> item == INTERRUPT);
     }
 

@@ -1,5 +1,6 @@
 package com.quorbit.ambrix.shell;
 
+import com.quorbit.ambrix.Engine;
 import java.util.concurrent.atomic.AtomicBoolean;
 import java.util.concurrent.atomic.AtomicInteger;
 
@@ -8,11 +9,13 @@ import java.util.concurrent.atomic.AtomicInteger;
  *
  * <ul>
  * <li>Waiting at the prompt, or for a line for the kernel's {@code readline()}:
- * the waiting read is woken with {@link InputLines#INTERRUPT}.
- * <li>Running a statement: a flag is set that the kernel reads through
- * {@code queryInterrupt}, and the kernel stops with "computation interrupted".
- * If the kernel does not ask (a long computation without a loop), the third
- * Ctrl-C in a row ends the program.
+ * the waiting read is woken with {@link LineInput#INTERRUPT} (at a terminal,
+ * JLine does this itself).
+ * <li>Running a statement: the engine is asked to interrupt
+ * ({@link Engine#interrupt()}), and the kernel stops with "computation
+ * interrupted" at its next interrupt query. A flag is set as well, which
+ * help output reads. If the kernel does not ask (a long computation without
+ * a loop), the third Ctrl-C in a row ends the program.
  * </ul>
  */
 final class Interrupts {
@@ -20,7 +23,8 @@ final class Interrupts {
 
     private static final int PRESSES_TO_EXIT = 3;
 
-    private final InputLines input;
+    private volatile LineInput input;
+    private volatile Engine engine;
     private final AtomicBoolean requested = new AtomicBoolean();
     private final AtomicInteger unanswered = new AtomicInteger();
     private volatile Mode mode = Mode.PROMPT;
@@ -28,8 +32,14 @@ final class Interrupts {
     /** A Ctrl-C during a kernel call, whose "^C" the terminal echoed. */
     private volatile boolean echoed;
 
-    Interrupts(InputLines input) {
+    /** The input whose reads Ctrl-C wakes. */
+    void setInput(LineInput input) {
         this.input = input;
+    }
+
+    /** The engine whose statements Ctrl-C stops. */
+    void setEngine(Engine engine) {
+        this.engine = engine;
     }
 
     /** Installs the handler of SIGINT; false when the JVM does not allow it. */
@@ -54,6 +64,14 @@ final class Interrupts {
             case RUNNING -> {
                 echoed = true;
                 requested.set(true);
+                Engine running = engine;
+                try {
+                    if (running != null) {
+                        running.interrupt();
+                    }
+                } catch (RuntimeException e) {
+                    // stopped already: nothing runs
+                }
                 if (unanswered.incrementAndGet() >= PRESSES_TO_EXIT) {
                     System.out.flush();
                     System.err.println();

@@ -21,7 +21,7 @@ import java.util.Locale;
  */
 final class ShellCallBacks implements EngineCallBacks {
     private final PrintStream terminal;
-    private final InputLines input;
+    private final LineInput input;
     private final Interrupts interrupts;
 
     /** Where text goes: the terminal, or a file while output is redirected. */
@@ -35,7 +35,7 @@ final class ShellCallBacks implements EngineCallBacks {
     private int statementLine;
     private int errors;
 
-    ShellCallBacks(PrintStream terminal, InputLines input, Interrupts interrupts) {
+    ShellCallBacks(PrintStream terminal, LineInput input, Interrupts interrupts) {
         this.terminal = terminal;
         this.sink = terminal;
         this.input = input;
@@ -122,11 +122,11 @@ final class ShellCallBacks implements EngineCallBacks {
         interrupts.enter(Interrupts.Mode.READING);
         Object item;
         try {
-            item = input.take();
+            item = input.answer();
         } finally {
             interrupts.enter(before);
         }
-        if (item == InputLines.INTERRUPT) {
+        if (item == LineInput.INTERRUPT) {
             throw new VexelException("computation interrupted");
         }
         return item instanceof String line ? line : "";

@@ -38,6 +38,11 @@ import java.util.regex.Pattern;
  * end of input;
  * <li>Ctrl-C stops the running statement, or drops the partly typed one.
  * </ul>
+ *
+ * <p>At a terminal, lines are read with JLine: they can be edited, and the
+ * history is kept in {@code ~/.vexel_history} (Ctrl-R searches it); Ctrl-D
+ * on an empty line ends the shell. Input from a pipe or a file is read as
+ * plain lines.
  */
 public final class VexelShell {
     private static final String PROMPT = "> ";
@@ -46,9 +51,9 @@ public final class VexelShell {
     private static final Pattern HELP = Pattern.compile("(\\?{1,3})\\s*(.*?)\\s*;?\\s*");
 
     private final PrintStream out = System.out;
-    private final InputLines input = new InputLines(System.in);
-    private final Interrupts interrupts = new Interrupts(input);
-    private final ShellCallBacks callbacks = new ShellCallBacks(out, input, interrupts);
+    private final Interrupts interrupts = new Interrupts();
+    private LineInput input;
+    private ShellCallBacks callbacks;
     private Engine engine;
     private boolean stopped;
     /** A file run was ended by Ctrl-C. */
@@ -96,7 +101,14 @@ public final class VexelShell {
                 return 2;
             }
         }
-        interrupts.install();
+        boolean terminal = sources.isEmpty() && System.console() != null;
+        input = terminal ? openTerminal() : null;
+        if (input == null) {
+            input = new InputLines(System.in);
+            interrupts.install();
+        }
+        interrupts.setInput(input);
+        callbacks = new ShellCallBacks(out, input, interrupts);
         try {
             engine = new Engine(kernelArgs.toArray(new String[0]), callbacks, null);
         } catch (VexelException e) {
@@ -104,12 +116,13 @@ public final class VexelShell {
             return 2;
         } catch (LinkageError e) {
             System.err.println("vexel: cannot load the native library: " + e.getMessage());
-            System.err.println("vexel: (is java.library.path set to the folder of libambrix.so?)");
+            input.close();
             return 2;
         }
+        interrupts.setEngine(engine);
         int status;
         try {
-            status = sources.isEmpty() ? interactive() : runFiles(sources);
+            status = sources.isEmpty() ? interactive(terminal) : runFiles(sources);
         } finally {
             try {
                 engine.stop();
@@ -117,23 +130,30 @@ public final class VexelShell {
                 System.err.println("vexel: " + e.getMessage());
             }
             callbacks.close();
+            input.close();
         }
         return status;
     }
 
-    /** The read-evaluate loop on standard input. */
-    private int interactive() {
-        boolean terminal = System.console() != null;
+    /** The terminal with line editing, or null (with a note) when JLine cannot open it. */
+    private LineInput openTerminal() {
+        try {
+            return TerminalInput.open(interrupts::signalled);
+        } catch (IOException | LinkageError e) {
+            System.err.println("vexel: no line editing (" + e + ")");
+            return null;
+        }
+    }
+
+    /** The read-evaluate loop on standard input, prompting at a terminal. */
+    private int interactive(boolean terminal) {
         StatementScanner scanner = new StatementScanner();
         while (!stopped) {
             interrupts.enter(Interrupts.Mode.PROMPT);
-            if (terminal) {
-                out.print(scanner.isEmpty() ? PROMPT : CONTINUATION_PROMPT);
-                out.flush();
-            }
-            Object item = input.take();
-            if (item == InputLines.EOF) {
-                if (terminal) {
+            Object item = input.take(terminal ? (scanner.isEmpty() ? PROMPT : CONTINUATION_PROMPT) : null);
+            boolean newLine = terminal && !input.endsLine();
+            if (item == LineInput.EOF) {
+                if (newLine) {
                     out.println();
                 }
                 StatementScanner.Statement rest = scanner.takeRest();
@@ -142,9 +162,9 @@ public final class VexelShell {
                 }
                 break;
             }
-            if (item == InputLines.INTERRUPT) {
+            if (item == LineInput.INTERRUPT) {
                 scanner.clear();
-                if (terminal) {
+                if (newLine) {
                     out.println();
                 }
                 continue;

@@ -1,0 +1,27 @@
+# Installation: DIR/lib (libambrix.so and the stand-in kernel libvexelc.so),
+# DIR/share/java (ambrix.jar and the shell's jar) and DIR/bin/vexel, the
+# shell's launcher, which finds the rest relative to itself.
+#
+# cpack -G DEB packages the same under /usr. Its dependencies are Debian
+# package names: the Java runtime and JLine by hand, the libraries' own
+# (GMP, the C and C++ runtimes) found by dpkg-shlibdeps.
+
+# Installed, libambrix still finds the kernel beside itself.
+set_target_properties(ambrix PROPERTIES INSTALL_RPATH "$ORIGIN")
+install(TARGETS ambrix vexelc LIBRARY DESTINATION lib)
+install(FILES ${CMAKE_BINARY_DIR}/java/ambrix.jar ${CMAKE_BINARY_DIR}/java/vexelshell.jar
+        DESTINATION share/java)
+install(PROGRAMS ${PROJECT_SOURCE_DIR}/shell/vexel-installed DESTINATION bin RENAME vexel)
+
+set(CPACK_PACKAGE_NAME ambrix)
+set(CPACK_PACKAGE_VERSION 0.1.0)
+set(CPACK_PACKAGE_CONTACT "ambrix maintainers <ambrix@example.org>")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "Vexel computer-algebra kernel for Java programs, and the Vexel shell")
+set(CPACK_PACKAGE_DESCRIPTION
+    "ambrix embeds the Vexel kernel in a Java program (ambrix.jar, with its native library libambrix.so). It ships a stand-in kernel, libvexelc.so, and the interactive Vexel shell.")
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_SECTION math)
+set(CPACK_DEBIAN_PACKAGE_DEPENDS "default-jre-headless (>= 2:1.17) | java17-runtime-headless, libjline3-java")
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+include(CPack)

@@ -1,0 +1,60 @@
+#!/usr/bin/env bash
+# ambrix.jar alone is enough: from an empty folder holding only the jar, the
+# README's Java example compiles and runs with no library path and no
+# LD_LIBRARY_PATH, the native libraries coming from the jar. Then each other
+# way of naming the libraries, and failures that say what was tried.
+# Usage: standalone.sh BUILD_DIR SOURCE_DIR
+set -euo pipefail
+build=$(cd "$1" && pwd)
+src=$(cd "$2" && pwd)
+. "$src/tests/common.sh" "$build"
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+mkdir "$work/app" "$work/tmp"
+cp "$build/java/ambrix.jar" "$work/app/"
+awk '/^## Use it from Java/ { section = 1 } section && /^```java$/ { code = 1; next }
+     code && /^```$/ { exit } code' "$src/README.md" >"$work/app/Example.java"
+grep -q 'class Example' "$work/app/Example.java" || { echo "no Java example in the README"; exit 1; }
+(cd "$work/app" && javac -cp ambrix.jar Example.java)
+
+failures=0
+# check NAME EXPECTED_STATUS EXPECTED_TEXT JAVA_ARGS...: runs java in the
+# example's folder with the JNI checker and a private temporary folder.
+check() {
+  local name=$1 expected=$2 text=$3 out=$work/out status=0
+  shift 3
+  (cd "$work/app" && env -u LD_LIBRARY_PATH LD_PRELOAD="$sanitizer_preload" \
+    java -Xcheck:jni -Djava.io.tmpdir="$work/tmp" "$@") >"$out" 2>&1 || status=$?
+  if [[ $status -ne $expected ]] || ! grep -qF -- "$text" "$out" || ! jni_clean "$out" >/dev/null \
+     || [[ -n $(ls -A "$work/tmp") ]]; then
+    echo "FAILED: $name (status $status, expected $expected; output below; temporary files: $(ls -A "$work/tmp"))"
+    cat "$out"
+    failures=$((failures + 1))
+  else
+    echo "ok: $name"
+  fi
+  rm -rf "${work:?}/tmp/"*
+}
+
+value=1267650600228229401496703205376
+check "the jar's own libraries" 0 "$value" -cp ambrix.jar:. Example
+check "as an automatic module" 0 "$value" -p ambrix.jar --add-modules com.quorbit.ambrix -cp . Example
+check "ambrix.library.path" 0 "$value" -Dambrix.library.path="$build/lib" -cp ambrix.jar:. Example
+# Another kernel binds by its soname, whatever its file is called.
+mkdir "$work/kernel"
+cp "$build/lib/libvexelc.so" "$work/kernel/custom-kernel.so"
+check "ambrix.kernel" 0 "$value" -Dambrix.kernel="$work/kernel/custom-kernel.so" -cp ambrix.jar:. Example
+AMBRIX_KERNEL=$work/kernel/custom-kernel.so check "AMBRIX_KERNEL" 0 "$value" -cp ambrix.jar:. Example
+AMBRIX_KERNEL=$work/none/libvexelc.so check "a missing kernel" 1 \
+  "cannot load the ambrix native libraries; tried: $work/none/libvexelc.so (no such file)" -cp ambrix.jar:. Example
+check "a folder without the libraries" 1 "tried: $work/none/libambrix.so (no such file)" \
+  -Dambrix.library.path="$work/none" -cp ambrix.jar:. Example
+# A jar without native libraries falls back to java.library.path.
+classes=$build/java/classes/ambrix-classes.jar
+check "java.library.path" 0 "$value" -Djava.library.path="$build/lib" -cp "$classes:." Example
+check "no library anywhere" 1 "libambrix.so on java.library.path=$work/none" \
+  -Djava.library.path="$work/none" -cp "$classes:." Example
+
+jar --describe-module --file "$build/java/ambrix.jar" | grep -q '^com.quorbit.ambrix .*automatic' \
+  || { echo "FAILED: ambrix.jar names no automatic module"; failures=$((failures + 1)); }
+exit $((failures > 0))
