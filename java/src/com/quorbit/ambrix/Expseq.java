@@ -1,5 +1,6 @@
 package com.quorbit.ambrix;
 
+import java.util.Arrays;
 import java.util.Iterator;
 
 /**
@@ -43,14 +44,14 @@ public class Expseq extends Algebraic implements Iterable<Algebraic> {
     public native Algebraic[] toArray();
 
     /**
-     * Iterates over the elements in order, reading each one with
-     * {@link #select} as the iteration reaches it; the length is read when
-     * this method is called. The iterator does not remove.
+     * Iterates over the elements in order. The elements are read in one call
+     * when this method is called ({@link #toArray()}). The iterator does not
+     * remove.
      *
      * @return an iterator over the elements
      */
     @Override
     public Iterator<Algebraic> iterator() {
-        return new ElementIterator(length(), this::select);
+        return Arrays.asList(toArray()).iterator();
     }
 }
