@@ -822,6 +822,10 @@ ALGEB RTableCopyImPart(KernelVector kv, RTableSettings *s, ALGEB rt) {
     return guarded<ALGEB>(__func__, kv, nullptr, [&] { return to_algeb(rtable_copy(s, need(rt), 2)); });
 }
 
+void *VexelRTableData(KernelVector kv, ALGEB rt) {
+    return guarded<void *>(__func__, kv, nullptr, [&] { return rtable_data(need(rt)); });
+}
+
 int64_t RTableNumElements(KernelVector kv, ALGEB rt) {
     return guarded<int64_t>(__func__, kv, 0, [&] { return rtable_num_elements(need(rt)); });
 }

@@ -310,6 +310,7 @@ void rtable_settings(H rt, RTableSettings *s);
 RTableElement rtable_select(H rt, const int64_t *index);
 RTableElement rtable_assign(H rt, const int64_t *index, RTableElement e);
 H rtable_copy(const RTableSettings *s, H rt, int part);  // part: 0 whole, 1 real, 2 imaginary
+void *rtable_data(H rt);  // the contiguous storage of a hardware-type table; null for the others
 int64_t rtable_num_elements(H rt);
 int64_t rtable_num_dims(H rt);
 int64_t rtable_bound(H rt, int64_t dim, bool upper);
