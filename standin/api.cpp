@@ -12,6 +12,9 @@
 #include <atomic>
 #include <mutex>
 #include <thread>
+
+#include <sched.h>
+#include <time.h>
 #include <optional>
 
 using namespace vx;
@@ -24,8 +27,10 @@ namespace {
 std::vector<std::unique_ptr<Kernel>> &g_kernels = *new std::vector<std::unique_ptr<Kernel>>;
 
 // The lock of every operation. Callbacks call in again on the thread that
-// holds it, so it is recursive; the owner test is a plain read, and only the
-// outermost lock and unlock touch the mutex.
+// holds it, so it is recursive. The library serialises its kernel calls
+// itself, so the lock is all but never contended: taking it is one atomic
+// exchange and releasing it one store, and a thread that finds it taken
+// spins, then yields, then sleeps until it is free.
 class KernelLock {
 public:
     void lock() {
@@ -34,22 +39,37 @@ public:
             ++depth_;
             return;
         }
-        mutex_.lock();
+        for (unsigned tries = 0; held_.exchange(true, std::memory_order_acquire); ++tries) {
+            while (held_.load(std::memory_order_relaxed)) wait(tries++);
+        }
         owner_.store(self, std::memory_order_relaxed);
         depth_ = 1;
     }
     void unlock() {
         if (--depth_ > 0) return;
         owner_.store(std::thread::id(), std::memory_order_relaxed);
-        mutex_.unlock();
+        held_.store(false, std::memory_order_release);
     }
 
 private:
-    std::mutex mutex_;
+    static void wait(unsigned tries) {
+        if (tries < 100) {
+#if defined(__x86_64__) || defined(__i386__)
+            __builtin_ia32_pause();
+#endif
+        } else if (tries < 1000) {
+            sched_yield();
+        } else {
+            struct timespec pause = {0, 50000};
+            nanosleep(&pause, nullptr);
+        }
+    }
+
+    std::atomic<bool> held_{false};
     std::atomic<std::thread::id> owner_{};
     unsigned depth_ = 0;
 };
-KernelLock &g_mutex = *new KernelLock;
+KernelLock &g_lock = *new KernelLock;
 Kernel *g_starting = nullptr;                     // the kernel inside StartVexel
 Kernel *g_running = nullptr;
 
@@ -58,7 +78,7 @@ constexpr const char *kStopped = "the kernel has been stopped";
 // Looks a kernel vector up without dereferencing it. While a kernel is being
 // started, a null vector stands for it: the embedder's callbacks run before it
 // has been told the vector.
-Kernel *find_kernel(KernelVector kv) {
+inline Kernel *find_kernel(KernelVector kv) {
     if (!kv) return g_starting;
     if (kv == reinterpret_cast<KernelVector>(g_running)) return g_running;  // the common case
     auto addr = reinterpret_cast<uintptr_t>(kv);
@@ -111,7 +131,7 @@ void unknown(const char *fn, KernelVector kv) {
 
 template <class R, class F>
 R guarded(const char *fn, KernelVector kv, R zero, F &&body) {
-    std::lock_guard<KernelLock> lock(g_mutex);
+    std::lock_guard<KernelLock> lock(g_lock);
     Kernel *k = find_kernel(kv);
     if (!k) {
         unknown(fn, kv);
@@ -190,7 +210,7 @@ H seq_item(H seq, int64_t i, Kind k, const char *what) {
 }
 
 void raise_impl(KernelVector kv, const char *msg, std::initializer_list<ALGEB> args) {
-    std::lock_guard<KernelLock> lock(g_mutex);
+    std::lock_guard<KernelLock> lock(g_lock);
     Kernel *k = find_kernel(kv);
     if (!k) {
         unknown("VexelRaiseError", kv);
@@ -240,7 +260,7 @@ extern "C" {
 KernelVector StartVexel(int argc, char *argv[], VexelCallBacks *callbacks, void *user_data, void *reserved,
                         char *errbuf) {
     (void)reserved;
-    std::lock_guard<KernelLock> lock(g_mutex);
+    std::lock_guard<KernelLock> lock(g_lock);
     if (g_running || g_starting) {
         set_errbuf(errbuf, "a kernel is already running in this process");
         return nullptr;
@@ -353,7 +373,7 @@ char *VexelHelp(KernelVector kv, const char *topic, const char *section, VexelWr
 
 void *VexelAlloc(KernelVector kv, size_t nbytes) {
     {
-        std::lock_guard<KernelLock> lock(g_mutex);
+        std::lock_guard<KernelLock> lock(g_lock);
         Kernel *k = find_kernel(kv);
         if (k && k->state == Kernel::State::Stopped && k->reporting) {
             // The embedder's error callback converts the report's text in
@@ -801,13 +821,13 @@ void RTableGetSettings(KernelVector kv, RTableSettings *s, ALGEB rt) {
 RTableElement RTableSelect(KernelVector kv, ALGEB rt, int64_t *index) {
     RTableElement zero;
     std::memset(&zero, 0, sizeof zero);
-    return guarded<RTableElement>(__func__, kv, zero, [&] { return rtable_select(need(rt), index); });
+    return guarded<RTableElement>(__func__, kv, zero, [&] { return rtable_select(from_algeb(rt), index); });
 }
 
 RTableElement RTableAssign(KernelVector kv, ALGEB rt, int64_t *index, RTableElement value) {
     RTableElement zero;
     std::memset(&zero, 0, sizeof zero);
-    return guarded<RTableElement>(__func__, kv, zero, [&] { return rtable_assign(need(rt), index, value); });
+    return guarded<RTableElement>(__func__, kv, zero, [&] { return rtable_assign(from_algeb(rt), index, value); });
 }
 
 ALGEB RTableCopy(KernelVector kv, RTableSettings *s, ALGEB rt) {

@@ -32,7 +32,7 @@ struct Elt {
          std::to_string(t.hi[d]) + " (dimension " + std::to_string(d + 1) + ")");
 }
 
-int64_t linear_of(const RTableObj &t, const int64_t *index) {
+inline int64_t linear_of(const RTableObj &t, const int64_t *index) {
     int64_t off = 0, stride = 1;
     for (int d = 0; d < t.ndim; ++d) {
         int64_t i = index[d];
@@ -264,9 +264,29 @@ Elt value_elt(H v) {
     return e;
 }
 
-RTableObj &table_of(H rt) {
-    if (kind_of(rt) != Kind::RTable) fail("expected a rectangular table, got " + print_safe(rt));
-    return obj<RTableObj>(rt);
+[[noreturn, gnu::cold, gnu::noinline]] void not_a_table(H rt) {
+    check(rt);
+    fail("expected a rectangular table, got " + print_safe(rt));
+}
+
+// The table a handle names; raises "invalid or reclaimed value" for a handle
+// that names no value, as check() does.
+inline RTableObj &table_of(H rt) {
+    Slot *s = slot_of(rt);
+    if (!s || s->kind != Kind::RTable) not_a_table(rt);
+    return static_cast<RTableObj &>(*s->obj);
+}
+
+// Copies one element's bytes; the sizes are the data types' own, so that
+// each copy is a move of a known width.
+void copy_element(void *to, const void *from, size_t esize) {
+    switch (esize) {
+        case 1: std::memcpy(to, from, 1); break;
+        case 2: std::memcpy(to, from, 2); break;
+        case 4: std::memcpy(to, from, 4); break;
+        case 8: std::memcpy(to, from, 8); break;
+        default: std::memcpy(to, from, 16); break;
+    }
 }
 
 int code_of_type(H t, bool &sfloat) {
@@ -435,7 +455,7 @@ RTableElement rtable_select(H rt, const int64_t *index) {
     RTableElement e;
     std::memset(&e, 0, sizeof e);
     uint8_t *p = t.at(lin, false);
-    if (p) std::memcpy(&e, p, t.esize);
+    if (p) copy_element(&e, p, t.esize);
     if (t.code == RTABLE_DAG && !e.dag) e.dag = to_algeb(imm(0));
     if (t.code == RTABLE_CXDAG) {
         if (!e.cxdag.re) e.cxdag.re = to_algeb(imm(0));
@@ -458,10 +478,10 @@ RTableElement rtable_assign(H rt, const int64_t *index, RTableElement e) {
         check(im);
         if (!is_real(re) || !is_real(im)) fail("a complex(sfloat) table holds pairs of real numbers");
     }
-    std::memcpy(t.at(lin, true), &e, t.esize);
+    copy_element(t.at(lin, true), &e, t.esize);
     RTableElement out;
     std::memset(&out, 0, sizeof out);
-    std::memcpy(&out, &e, t.esize);
+    copy_element(&out, &e, t.esize);
     return out;
 }
 
