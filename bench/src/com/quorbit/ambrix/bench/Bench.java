@@ -286,7 +286,7 @@ public final class Bench {
         double[] perEntry = new double[s.wrappers().length];
         for (int k = 0; k < perWrapper.length; k++) {
             int size = s.wrappers()[k];
-            int gcs = Math.min(100, Math.max(3, 300_000 / size));  // small differences want more collections
+            int gcs = Math.min(100, Math.max(3, 1_000_000 / size));  // small differences want more collections
             dropGarbage(engine);
             double none = perOp(s, gcs, gc);
             Algebraic[] held = new Algebraic[size];
@@ -344,6 +344,15 @@ public final class Bench {
             for (int i = 0; i < n; i++) System.arraycopy(src, 0, dst, 0, m);
             return (long) dst[m - 1];
         }) / 1000;
+        double copyNew = perOp(s, s.transfers(), n -> {
+            long sum = 0;
+            for (int i = 0; i < n; i++) {
+                double[] fresh = new double[m];
+                System.arraycopy(src, 0, fresh, 0, m);
+                sum += fresh.length;
+            }
+            return sum;
+        }) / 1000;
         double assignAll = perOp(s, s.transfers(), n -> {
             for (int i = 0; i < n; i++) table.assignAll(src);
             return n;
@@ -374,6 +383,7 @@ public final class Bench {
             return n;
         }) * m / 1000;
         floorRow("System.arraycopy of " + count(m) + " doubles", copy, "us");
+        floorRow("the same into a new double[] (beside toArray)", copyNew, "us");
         row("DoubleRTable.toArray", toArray, "us", copy, bulkTarget);
         row("DoubleRTable.assignAll", assignAll, "us", copy, bulkTarget);
         String scaled = k < m ? " (scaled)" : "";
