@@ -383,7 +383,7 @@ public final class Bench {
             return n;
         }) * m / 1000;
         floorRow("System.arraycopy of " + count(m) + " doubles", copy, "us");
-        floorRow("the same into a new double[] (beside toArray)", copyNew, "us");
+        floorRow("System.arraycopy into a new double[]", copyNew, "us");
         row("DoubleRTable.toArray", toArray, "us", copy, bulkTarget);
         row("DoubleRTable.assignAll", assignAll, "us", copy, bulkTarget);
         String scaled = k < m ? " (scaled)" : "";
