@@ -9,7 +9,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <atomic>
 #include <mutex>
+#include <thread>
+
+#include <sched.h>
+#include <time.h>
 #include <optional>
 
 using namespace vx;
@@ -20,7 +25,51 @@ namespace {
 // recognisable. Never destroyed: the embedder may still call in while the
 // process exits.
 std::vector<std::unique_ptr<Kernel>> &g_kernels = *new std::vector<std::unique_ptr<Kernel>>;
-std::recursive_mutex &g_mutex = *new std::recursive_mutex;
+
+// The lock of every operation. Callbacks call in again on the thread that
+// holds it, so it is recursive. The library serialises its kernel calls
+// itself, so the lock is all but never contended: taking it is one atomic
+// exchange and releasing it one store, and a thread that finds it taken
+// spins, then yields, then sleeps until it is free.
+class KernelLock {
+public:
+    void lock() {
+        std::thread::id self = std::this_thread::get_id();
+        if (owner_.load(std::memory_order_relaxed) == self) {
+            ++depth_;
+            return;
+        }
+        for (unsigned tries = 0; held_.exchange(true, std::memory_order_acquire); ++tries) {
+            while (held_.load(std::memory_order_relaxed)) wait(tries++);
+        }
+        owner_.store(self, std::memory_order_relaxed);
+        depth_ = 1;
+    }
+    void unlock() {
+        if (--depth_ > 0) return;
+        owner_.store(std::thread::id(), std::memory_order_relaxed);
+        held_.store(false, std::memory_order_release);
+    }
+
+private:
+    static void wait(unsigned tries) {
+        if (tries < 100) {
+#if defined(__x86_64__) || defined(__i386__)
+            __builtin_ia32_pause();
+#endif
+        } else if (tries < 1000) {
+            sched_yield();
+        } else {
+            struct timespec pause = {0, 50000};
+            nanosleep(&pause, nullptr);
+        }
+    }
+
+    std::atomic<bool> held_{false};
+    std::atomic<std::thread::id> owner_{};
+    unsigned depth_ = 0;
+};
+KernelLock &g_lock = *new KernelLock;
 Kernel *g_starting = nullptr;                     // the kernel inside StartVexel
 Kernel *g_running = nullptr;
 
@@ -29,8 +78,9 @@ constexpr const char *kStopped = "the kernel has been stopped";
 // Looks a kernel vector up without dereferencing it. While a kernel is being
 // started, a null vector stands for it: the embedder's callbacks run before it
 // has been told the vector.
-Kernel *find_kernel(KernelVector kv) {
+inline Kernel *find_kernel(KernelVector kv) {
     if (!kv) return g_starting;
+    if (kv == reinterpret_cast<KernelVector>(g_running)) return g_running;  // the common case
     auto addr = reinterpret_cast<uintptr_t>(kv);
     for (auto &k : g_kernels)
         if (reinterpret_cast<uintptr_t>(k.get()) == addr) return k.get();
@@ -81,7 +131,7 @@ void unknown(const char *fn, KernelVector kv) {
 
 template <class R, class F>
 R guarded(const char *fn, KernelVector kv, R zero, F &&body) {
-    std::lock_guard<std::recursive_mutex> lock(g_mutex);
+    std::lock_guard<KernelLock> lock(g_lock);
     Kernel *k = find_kernel(kv);
     if (!k) {
         unknown(fn, kv);
@@ -124,25 +174,30 @@ H need_kind(ALGEB a, Kind k, const char *what) {
     return h;
 }
 
-int test(const char *fn, KernelVector kv, ALGEB a, bool (*pred)(H)) {
+template <class P>
+int test(const char *fn, KernelVector kv, ALGEB a, P pred) {
     return guarded<int>(fn, kv, 0, [&] { return pred(need(a)) ? 1 : 0; });
 }
 
-bool in_width(H h, int bits) {
-    if (!is_int(h)) return false;
+// Whether h is an integer that fits in the given number of bits; its value
+// goes to *out when it is.
+bool in_width(H h, int bits, int64_t *out) {
     int64_t v;
-    if (!int_fits64(h, &v)) return false;
-    if (bits == 64) return true;
-    int64_t lim = int64_t(1) << (bits - 1);
-    return v >= -lim && v < lim;
+    if (is_imm(h) && imm_valid(h)) v = imm_val(h);
+    else if (!is_int(h) || !int_fits64(h, &v)) return false;
+    if (bits < 64) {
+        int64_t lim = int64_t(1) << (bits - 1);
+        if (v < -lim || v >= lim) return false;
+    }
+    *out = v;
+    return true;
 }
 
 int64_t to_width(H h, int bits) {
-    if (!is_int(h)) fail("expected an integer, got " + print_safe(h));
-    if (!in_width(h, bits)) fail("integer " + print_safe(h) + " does not fit in " + std::to_string(bits) + " bits");
     int64_t v;
-    int_fits64(h, &v);
-    return v;
+    if (in_width(h, bits, &v)) return v;
+    if (!is_int(h)) fail("expected an integer, got " + print_safe(h));
+    fail("integer " + print_safe(h) + " does not fit in " + std::to_string(bits) + " bits");
 }
 
 H seq_item(H seq, int64_t i, Kind k, const char *what) {
@@ -155,7 +210,7 @@ H seq_item(H seq, int64_t i, Kind k, const char *what) {
 }
 
 void raise_impl(KernelVector kv, const char *msg, std::initializer_list<ALGEB> args) {
-    std::lock_guard<std::recursive_mutex> lock(g_mutex);
+    std::lock_guard<KernelLock> lock(g_lock);
     Kernel *k = find_kernel(kv);
     if (!k) {
         unknown("VexelRaiseError", kv);
@@ -205,7 +260,7 @@ extern "C" {
 KernelVector StartVexel(int argc, char *argv[], VexelCallBacks *callbacks, void *user_data, void *reserved,
                         char *errbuf) {
     (void)reserved;
-    std::lock_guard<std::recursive_mutex> lock(g_mutex);
+    std::lock_guard<KernelLock> lock(g_lock);
     if (g_running || g_starting) {
         set_errbuf(errbuf, "a kernel is already running in this process");
         return nullptr;
@@ -318,7 +373,7 @@ char *VexelHelp(KernelVector kv, const char *topic, const char *section, VexelWr
 
 void *VexelAlloc(KernelVector kv, size_t nbytes) {
     {
-        std::lock_guard<std::recursive_mutex> lock(g_mutex);
+        std::lock_guard<KernelLock> lock(g_lock);
         Kernel *k = find_kernel(kv);
         if (k && k->state == Kernel::State::Stopped && k->reporting) {
             // The embedder's error callback converts the report's text in
@@ -414,16 +469,16 @@ int IsVexelStop(KernelVector kv, ALGEB a) {
 }
 int IsVexelInteger(KernelVector kv, ALGEB a) { return test(__func__, kv, a, is_int); }
 int IsVexelInteger8(KernelVector kv, ALGEB a) {
-    return test(__func__, kv, a, [](H h) { return in_width(h, 8); });
+    return test(__func__, kv, a, [](H h) { int64_t v; return in_width(h, 8, &v); });
 }
 int IsVexelInteger16(KernelVector kv, ALGEB a) {
-    return test(__func__, kv, a, [](H h) { return in_width(h, 16); });
+    return test(__func__, kv, a, [](H h) { int64_t v; return in_width(h, 16, &v); });
 }
 int IsVexelInteger32(KernelVector kv, ALGEB a) {
-    return test(__func__, kv, a, [](H h) { return in_width(h, 32); });
+    return test(__func__, kv, a, [](H h) { int64_t v; return in_width(h, 32, &v); });
 }
 int IsVexelInteger64(KernelVector kv, ALGEB a) {
-    return test(__func__, kv, a, [](H h) { return in_width(h, 64); });
+    return test(__func__, kv, a, [](H h) { int64_t v; return in_width(h, 64, &v); });
 }
 int IsVexelUnnamedZero(KernelVector kv, ALGEB a) {
     return test(__func__, kv, a, [](H h) { return is_imm(h) && imm_val(h) == 0; });
@@ -766,13 +821,13 @@ void RTableGetSettings(KernelVector kv, RTableSettings *s, ALGEB rt) {
 RTableElement RTableSelect(KernelVector kv, ALGEB rt, int64_t *index) {
     RTableElement zero;
     std::memset(&zero, 0, sizeof zero);
-    return guarded<RTableElement>(__func__, kv, zero, [&] { return rtable_select(need(rt), index); });
+    return guarded<RTableElement>(__func__, kv, zero, [&] { return rtable_select(from_algeb(rt), index); });
 }
 
 RTableElement RTableAssign(KernelVector kv, ALGEB rt, int64_t *index, RTableElement value) {
     RTableElement zero;
     std::memset(&zero, 0, sizeof zero);
-    return guarded<RTableElement>(__func__, kv, zero, [&] { return rtable_assign(need(rt), index, value); });
+    return guarded<RTableElement>(__func__, kv, zero, [&] { return rtable_assign(from_algeb(rt), index, value); });
 }
 
 ALGEB RTableCopy(KernelVector kv, RTableSettings *s, ALGEB rt) {
@@ -785,6 +840,10 @@ ALGEB RTableCopyRealPart(KernelVector kv, RTableSettings *s, ALGEB rt) {
 
 ALGEB RTableCopyImPart(KernelVector kv, RTableSettings *s, ALGEB rt) {
     return guarded<ALGEB>(__func__, kv, nullptr, [&] { return to_algeb(rtable_copy(s, need(rt), 2)); });
+}
+
+void *VexelRTableData(KernelVector kv, ALGEB rt) {
+    return guarded<void *>(__func__, kv, nullptr, [&] { return rtable_data(need(rt)); });
 }
 
 int64_t RTableNumElements(KernelVector kv, ALGEB rt) {

@@ -178,7 +178,8 @@ struct Kernel {
     H sfloat_name = 0;
 
     std::string help_msg;
-    uintptr_t stack_limit = 0;  // the outermost operation fails below this stack address
+    uintptr_t stack_base = 0;   // the frame where the outermost operation began
+    uintptr_t stack_limit = 0;  // it fails below this stack address; 0 until the first check
     std::string start_error;
     ~Kernel();
 };
@@ -186,10 +187,28 @@ struct Kernel {
 extern Kernel *K;  // the kernel of the operation in progress
 
 // ---- heap (heap.cpp) ----
-Slot *slot_of(H h);  // null for anything that is not a live cell
-Kind kind_of(H h);   // raises for an invalid handle
-Kind kind_or_dead(H h);
-void check(H h);     // raises "invalid or reclaimed value" unless h is a value
+// Every interface operation looks its arguments up here, so these are inline.
+inline Slot *slot_of(H h) {  // null for anything that is not a live cell
+    if (h == 0 || is_imm(h)) return nullptr;
+    uint32_t gen = uint32_t(h >> 32);
+    uint64_t idx = (h & 0xffffffffu) >> 1;
+    if (gen == 0 || idx >= K->slots.size()) return nullptr;
+    Slot &s = K->slots[idx];
+    if (s.kind == Kind::Dead || s.gen != gen) return nullptr;
+    return &s;
+}
+inline Kind kind_or_dead(H h) {
+    if (is_imm(h)) return imm_valid(h) ? Kind::Int : Kind::Dead;
+    Slot *s = slot_of(h);
+    return s ? s->kind : Kind::Dead;
+}
+[[noreturn]] void fail_invalid();  // raises "invalid or reclaimed value"
+inline Kind kind_of(H h) {  // raises for an invalid handle
+    Kind k = kind_or_dead(h);
+    if (k == Kind::Dead) fail_invalid();
+    return k;
+}
+inline void check(H h) { (void)kind_of(h); }  // raises "invalid or reclaimed value" unless h is a value
 H alloc(Kind k, std::unique_ptr<Obj> o);
 template <class T>
 T &obj(H h) {
@@ -206,8 +225,13 @@ void unique_forget_all();
 // Raises "too many levels of recursion" once the operation in progress uses
 // too much stack: deeply nested values and statements must not crash the host.
 void stack_check();
-// Sets the limit for an outermost operation that begins here.
-void set_stack_limit();
+// Notes where an outermost operation begins; the limit is worked out from
+// there on the first check, so that an operation that never recurses does not
+// pay for it.
+inline void set_stack_limit() {
+    K->stack_base = reinterpret_cast<uintptr_t>(__builtin_frame_address(0));
+    K->stack_limit = 0;
+}
 
 // ---- values (values.cpp) ----
 H mk_int(int64_t v);
@@ -286,6 +310,7 @@ void rtable_settings(H rt, RTableSettings *s);
 RTableElement rtable_select(H rt, const int64_t *index);
 RTableElement rtable_assign(H rt, const int64_t *index, RTableElement e);
 H rtable_copy(const RTableSettings *s, H rt, int part);  // part: 0 whole, 1 real, 2 imaginary
+void *rtable_data(H rt);  // the contiguous storage of a hardware-type table; null for the others
 int64_t rtable_num_elements(H rt);
 int64_t rtable_num_dims(H rt);
 int64_t rtable_bound(H rt, int64_t dim, bool upper);

@@ -40,49 +40,27 @@ static uintptr_t thread_stack_low() {
     return low;
 }
 
-void set_stack_limit() {
+static uintptr_t stack_limit_below(uintptr_t base) {
     // Leave room below the limit for the embedder's callbacks (a Java thread
     // has 1 MB of stack by default), and never use more than 64 MB.
     constexpr uintptr_t kMargin = 256 * 1024, kMax = 64 * 1024 * 1024, kFallback = 384 * 1024;
-    uintptr_t here = reinterpret_cast<uintptr_t>(__builtin_frame_address(0));
     uintptr_t low = thread_stack_low();
-    uintptr_t limit = here > kMax ? here - kMax : 0;
+    uintptr_t limit = base > kMax ? base - kMax : 0;
     if (low && low + kMargin > limit) limit = low + kMargin;
-    if (!low) limit = here > kFallback ? here - kFallback : 0;
-    K->stack_limit = limit;
+    if (!low) limit = base > kFallback ? base - kFallback : 0;
+    return limit;
 }
 
 void stack_check() {
     uintptr_t here = reinterpret_cast<uintptr_t>(__builtin_frame_address(0));
+    if (!K->stack_limit) K->stack_limit = stack_limit_below(K->stack_base);
     if (here < K->stack_limit) fail("too many levels of recursion");
 }
 
 void fail(std::string msg) { throw VexelError{std::move(msg), -1}; }
 void fail_at(std::string msg, int64_t offset) { throw VexelError{std::move(msg), offset}; }
 
-Slot *slot_of(H h) {
-    if (h == 0 || is_imm(h)) return nullptr;
-    uint32_t gen = uint32_t(h >> 32);
-    uint64_t idx = (h & 0xffffffffu) >> 1;
-    if (gen == 0 || idx >= K->slots.size()) return nullptr;
-    Slot &s = K->slots[idx];
-    if (s.kind == Kind::Dead || s.gen != gen) return nullptr;
-    return &s;
-}
-
-Kind kind_or_dead(H h) {
-    if (is_imm(h)) return imm_valid(h) ? Kind::Int : Kind::Dead;
-    Slot *s = slot_of(h);
-    return s ? s->kind : Kind::Dead;
-}
-
-Kind kind_of(H h) {
-    Kind k = kind_or_dead(h);
-    if (k == Kind::Dead) fail("invalid or reclaimed value");
-    return k;
-}
-
-void check(H h) { (void)kind_of(h); }
+void fail_invalid() { fail("invalid or reclaimed value"); }
 
 // The handle of the live cell in slot idx.
 static uint64_t handle_of(uint32_t idx) { return (uint64_t(K->slots[idx].gen) << 32) | (uint64_t(idx) << 1); }

@@ -27,13 +27,16 @@ struct Elt {
     double re = 0, im = 0;
 };
 
-int64_t linear_of(const RTableObj &t, const int64_t *index) {
+[[noreturn, gnu::cold, gnu::noinline]] void out_of_bounds(const RTableObj &t, int d, int64_t i) {
+    fail("index out of bounds: " + std::to_string(i) + " is not in " + std::to_string(t.lo[d]) + ".." +
+         std::to_string(t.hi[d]) + " (dimension " + std::to_string(d + 1) + ")");
+}
+
+inline int64_t linear_of(const RTableObj &t, const int64_t *index) {
     int64_t off = 0, stride = 1;
     for (int d = 0; d < t.ndim; ++d) {
         int64_t i = index[d];
-        if (i < t.lo[d] || i > t.hi[d])
-            fail("index out of bounds: " + std::to_string(i) + " is not in " + std::to_string(t.lo[d]) + ".." +
-                 std::to_string(t.hi[d]) + " (dimension " + std::to_string(d + 1) + ")");
+        if (i < t.lo[d] || i > t.hi[d]) out_of_bounds(t, d, i);
         off += (i - t.lo[d]) * stride;
         stride *= t.hi[d] - t.lo[d] + 1;
     }
@@ -261,9 +264,29 @@ Elt value_elt(H v) {
     return e;
 }
 
-RTableObj &table_of(H rt) {
-    if (kind_of(rt) != Kind::RTable) fail("expected a rectangular table, got " + print_safe(rt));
-    return obj<RTableObj>(rt);
+[[noreturn, gnu::cold, gnu::noinline]] void not_a_table(H rt) {
+    check(rt);
+    fail("expected a rectangular table, got " + print_safe(rt));
+}
+
+// The table a handle names; raises "invalid or reclaimed value" for a handle
+// that names no value, as check() does.
+inline RTableObj &table_of(H rt) {
+    Slot *s = slot_of(rt);
+    if (!s || s->kind != Kind::RTable) not_a_table(rt);
+    return static_cast<RTableObj &>(*s->obj);
+}
+
+// Copies one element's bytes; the sizes are the data types' own, so that
+// each copy is a move of a known width.
+void copy_element(void *to, const void *from, size_t esize) {
+    switch (esize) {
+        case 1: std::memcpy(to, from, 1); break;
+        case 2: std::memcpy(to, from, 2); break;
+        case 4: std::memcpy(to, from, 4); break;
+        case 8: std::memcpy(to, from, 8); break;
+        default: std::memcpy(to, from, 16); break;
+    }
 }
 
 int code_of_type(H t, bool &sfloat) {
@@ -293,16 +316,45 @@ std::string elt_text(const RTableObj &t, const Elt &e) {
 
 }  // namespace
 
-uint8_t *RTableObj::at(int64_t linear, bool create) {
-    int64_t pp = int64_t(per_page());
-    int64_t page = linear / pp;
+void RTableObj::set_esize(size_t n) {
+    esize = n;
+    page_shift = 0;
+    while ((esize << (page_shift + 1)) <= kPageBytes) ++page_shift;
+}
+
+uint8_t *RTableObj::find_page(int64_t page, bool create) {
     auto it = pages.find(page);
     if (it == pages.end()) {
         if (!create) return nullptr;
         auto mem = std::make_unique<uint8_t[]>(kPageBytes);  // zero-filled
         it = pages.emplace(page, std::move(mem)).first;
     }
-    return it->second.get() + size_t(linear % pp) * esize;
+    last_page = page;
+    last_mem = it->second.get();
+    return last_mem;
+}
+
+// The largest table the stand-in lays out in one block.
+constexpr size_t kMaxBlockBytes = size_t(1) << 31;
+
+uint8_t *RTableObj::contiguous() {
+    if (block) return block.get();
+    // The count and element size were bounded when the table was made, so
+    // the product cannot overflow; a block of no elements still has an address.
+    size_t bytes = size_t(count) * esize;
+    if (bytes > kMaxBlockBytes)
+        fail("out of memory: a rectangular table of " + std::to_string(bytes) + " bytes is too large to lay out");
+    // calloc: the pages never written stay untouched zeros.
+    uint8_t *mem = static_cast<uint8_t *>(std::calloc(bytes ? bytes : 1, 1));
+    if (!mem) fail("out of memory: cannot lay out a rectangular table of " + std::to_string(bytes) + " bytes");
+    for_each_stretch([&](int64_t first, const uint8_t *src, int64_t n) {
+        std::memcpy(mem + size_t(first) * esize, src, size_t(n) * esize);
+    });
+    block.reset(mem);
+    pages.clear();
+    last_page = -1;
+    last_mem = nullptr;
+    return mem;
 }
 
 RTableObj &rtable_of(H rt) { return table_of(rt); }
@@ -316,7 +368,7 @@ H rtable_make(int32_t code, H eltype, int32_t ndim, const int64_t *lo, const int
     t->code = code;
     t->sfloat = code == RTABLE_DAG && eltype == K->sfloat_name;
     t->ndim = ndim;
-    t->esize = elem_size(code);
+    t->set_esize(elem_size(code));
     __int128 count = 1;
     for (int d = 0; d < ndim; ++d) {
         __int128 extent = __int128(hi[d]) - lo[d] + 1;
@@ -335,11 +387,11 @@ int rtable_code(H rt) { return table_of(rt).code; }
 
 void rtable_mark(RTableObj &t) {
     if (t.code != RTABLE_DAG && t.code != RTABLE_CXDAG) return;
-    for (auto &[page, mem] : t.pages) {
-        const H *p = reinterpret_cast<const H *>(mem.get());
-        for (size_t i = 0; i < RTableObj::kPageBytes / sizeof(H); ++i)
+    t.for_each_stretch([&](int64_t, const uint8_t *mem, int64_t n) {
+        const H *p = reinterpret_cast<const H *>(mem);
+        for (size_t i = 0; i < size_t(n) * t.esize / sizeof(H); ++i)
             if (p[i] && !is_imm(p[i])) K->worklist.push_back(p[i]);
-    }
+    });
 }
 
 H rtable_get(H rt, const std::vector<int64_t> &idx) {
@@ -403,7 +455,7 @@ RTableElement rtable_select(H rt, const int64_t *index) {
     RTableElement e;
     std::memset(&e, 0, sizeof e);
     uint8_t *p = t.at(lin, false);
-    if (p) std::memcpy(&e, p, t.esize);
+    if (p) copy_element(&e, p, t.esize);
     if (t.code == RTABLE_DAG && !e.dag) e.dag = to_algeb(imm(0));
     if (t.code == RTABLE_CXDAG) {
         if (!e.cxdag.re) e.cxdag.re = to_algeb(imm(0));
@@ -426,10 +478,10 @@ RTableElement rtable_assign(H rt, const int64_t *index, RTableElement e) {
         check(im);
         if (!is_real(re) || !is_real(im)) fail("a complex(sfloat) table holds pairs of real numbers");
     }
-    std::memcpy(t.at(lin, true), &e, t.esize);
+    copy_element(t.at(lin, true), &e, t.esize);
     RTableElement out;
     std::memset(&out, 0, sizeof out);
-    std::memcpy(&out, &e, t.esize);
+    copy_element(&out, &e, t.esize);
     return out;
 }
 
@@ -447,6 +499,10 @@ H rtable_copy(const RTableSettings *s, H rt, int part) {
              std::to_string(src.count));
     bool same = dst.code == src.code && dst.sfloat == src.sfloat;
     if (part == 0 && same) {
+        if (src.block) {
+            std::memcpy(dst.contiguous(), src.block.get(), size_t(src.count) * src.esize);
+            return nt;
+        }
         for (auto &[page, mem] : src.pages) {
             auto copy = std::make_unique<uint8_t[]>(RTableObj::kPageBytes);
             std::memcpy(copy.get(), mem.get(), RTableObj::kPageBytes);
@@ -454,10 +510,8 @@ H rtable_copy(const RTableSettings *s, H rt, int part) {
         }
         return nt;
     }
-    int64_t pp = int64_t(src.per_page());
-    for (auto &[page, mem] : src.pages) {
-        int64_t first = page * pp, last = std::min(src.count, first + pp);
-        for (int64_t i = first; i < last; ++i) {
+    src.for_each_stretch([&](int64_t first, const uint8_t *, int64_t n) {
+        for (int64_t i = first; i < first + n; ++i) {
             Elt e = load(src, i);
             if (part != 0) {
                 Elt p;
@@ -477,8 +531,14 @@ H rtable_copy(const RTableSettings *s, H rt, int part) {
             }
             store(dst, i, e);
         }
-    }
+    });
     return nt;
+}
+
+void *rtable_data(H rt) {
+    RTableObj &t = table_of(rt);
+    if (t.code == RTABLE_DAG || t.code == RTABLE_CXDAG || t.code == RTABLE_TRUEFALSE) return nullptr;
+    return t.contiguous();
 }
 
 int64_t rtable_num_elements(H rt) { return table_of(rt).count; }

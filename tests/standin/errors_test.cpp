@@ -2,6 +2,8 @@
 #include "support.hpp"
 
 #include <cmath>
+#include <cstring>
+#include <thread>
 
 using namespace standin_test;
 
@@ -149,6 +151,30 @@ TEST_F(Errors, StoppedKernelAndUnknownKernelVectors) {
     EXPECT_NE(last_error().find("invalid or reclaimed"), std::string::npos);
     EXPECT_EQ(EvalVexelStatement(old, "1;"), nullptr);
     EXPECT_EQ(last_error(), "the kernel has been stopped");
+}
+
+TEST_F(Errors, CallsFromTwoThreadsAtOnceAreSerialised) {
+    // The library serialises its calls; an embedder that does not still
+    // leaves the kernel whole, each operation running alone.
+    ALGEB table = eval("T := Array(1..1000000, datatype = integer[8]): T:");
+    eval("n1 := 0: n2 := 0:");
+    auto work = [&](const char *statement, int64_t first) {
+        RTableElement e;
+        std::memset(&e, 0, sizeof e);
+        for (int64_t i = 0; i < 2000; ++i) {
+            EvalVexelStatement(kv, statement);
+            int64_t at[] = {first + i * 400};  // a new page every few calls
+            e.int64 = at[0];
+            RTableAssign(kv, table, at, e);
+        }
+    };
+    std::thread a(work, "n1 := n1 + 1:", 1), b(work, "n2 := n2 + 1:", 200001);
+    a.join();
+    b.join();
+    EXPECT_EQ(printed("n1, n2;"), "2000, 2000");
+    int64_t at[] = {200001 + 1999 * 400};
+    EXPECT_EQ(RTableSelect(kv, table, at).int64, at[0]);
+    EXPECT_TRUE(rec.errors().empty()) << last_error();
 }
 
 TEST_F(Errors, StartFailures) {

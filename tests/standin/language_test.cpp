@@ -149,6 +149,42 @@ TEST_F(Language, ExactlyOneKindTestHolds) {
     EXPECT_TRUE(rec.errors().empty()) << last_error();
 }
 
+TEST_F(Language, IntegerConversionsAtTheEdgesOfEachWidth) {
+    struct Case {
+        const char *value;
+        int64_t v;
+        int widest_miss;  // the widest width it does not fit (0: fits all)
+    } cases[] = {
+        {"127", 127, 0}, {"-128", -128, 0}, {"128", 128, 8}, {"-129", -129, 8},
+        {"32767", 32767, 8}, {"-32769", -32769, 16}, {"2^31 - 1", INT32_MAX, 16}, {"-2^31", INT32_MIN, 16},
+        {"2^31", int64_t(1) << 31, 32}, {"2^61 - 1", (int64_t(1) << 61) - 1, 32},
+        {"2^61", int64_t(1) << 61, 32}, {"-2^61 - 1", -(int64_t(1) << 61) - 1, 32},
+        {"2^63 - 1", INT64_MAX, 32}, {"-2^63", INT64_MIN, 32}, {"2^63", 0, 64}, {"-2^63 - 1", 0, 64},
+    };
+    int (*const fits[])(KernelVector, ALGEB) = {IsVexelInteger8, IsVexelInteger16, IsVexelInteger32,
+                                                IsVexelInteger64};
+    const int widths[] = {8, 16, 32, 64};
+    for (auto &c : cases) {
+        SCOPED_TRACE(c.value);
+        ALGEB a = eval(std::string(c.value) + ":");
+        for (size_t w = 0; w < 4; ++w) {
+            bool fit = widths[w] > c.widest_miss;
+            EXPECT_EQ(fits[w](kv, a), fit ? 1 : 0) << widths[w];
+            size_t before = error_count();
+            int64_t got = widths[w] == 8    ? VexelToInteger8(kv, a)
+                          : widths[w] == 16 ? VexelToInteger16(kv, a)
+                          : widths[w] == 32 ? VexelToInteger32(kv, a)
+                                            : VexelToInteger64(kv, a);
+            EXPECT_EQ(got, fit ? c.v : 0) << widths[w];
+            EXPECT_EQ(error_count(), before + (fit ? 0 : 1)) << widths[w];
+            if (!fit) {
+                EXPECT_NE(last_error().find("does not fit in " + std::to_string(widths[w]) + " bits"),
+                          std::string::npos) << last_error();
+            }
+        }
+    }
+}
+
 TEST_F(Language, ConstructionAndConversion) {
     ALGEB g1 = ToVexelName(kv, "n", 1), g2 = ToVexelName(kv, "n", 1);
     ALGEB l1 = ToVexelName(kv, "n", 0), l2 = ToVexelName(kv, "n", 0);

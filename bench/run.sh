@@ -1,0 +1,33 @@
+#!/usr/bin/env bash
+# Runs the benchmark of a build: bench.jar (each figure beside its floor),
+# then kernel_calls (the kernel alone).
+# Usage: bench/run.sh BUILD_DIR [--check-jni] [--smoke]
+#   --check-jni  run the JVMs with -Xcheck:jni and fail on any JNI warning
+#   --smoke      tiny sizes, so that every part runs quickly (figures mean nothing)
+set -u
+build=$(cd "$1" && pwd)
+shift
+jvm_opts=()
+args=()
+for a in "$@"; do
+  case $a in
+    --check-jni) jvm_opts+=(-Xcheck:jni) ;;
+    *) args+=("$a") ;;
+  esac
+done
+calls=1000000
+[[ " ${args[*]-} " == *" --smoke "* ]] && calls=1000
+
+. "$(dirname "$0")/../tests/common.sh" "$build"
+out=$(mktemp)
+trap 'rm -f "$out"' EXIT
+LD_PRELOAD=$sanitizer_preload java "${jvm_opts[@]}" \
+  -Djava.library.path="$build/lib:$build/bench" -Dambrix.library.path="$build/lib" \
+  -Dambrix.bench.nodata="$build/lib-nodata" \
+  -cp "$build/java/ambrix.jar:$build/java/bench.jar" com.quorbit.ambrix.bench.Bench "${args[@]}" 2>&1 | tee "$out"
+status=${PIPESTATUS[0]}
+echo
+echo "-- the kernel alone (no JVM): one call of the interface"
+"$build/bench/kernel_calls" "$calls" || status=1
+jni_clean "$out" || exit 1
+exit "$status"
