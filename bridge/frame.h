@@ -178,20 +178,28 @@ R valueMethod(JNIEnv *env, jobject self, Messages messages, std::initializer_lis
     return finish<R>(call, steps);
 }
 
-// A value method whose whole work is one kernel step in one lock bracket;
-// the one place where the frame asks whether an exception is pending.
+// One lock pass that is the native's last: `step(call)` runs with the lock
+// held, and its result is dropped if an exception is pending afterwards,
+// the one place where the frame asks.
 template <typename R, typename Step>
-R valueOp(JNIEnv *env, jobject self, Messages messages, std::initializer_list<Arg> args, Step &&step) {
-    Call call{env};
-    if (!prepareValue(call, self, messages, args) || !call.enter()) return zeroResult<R>();
+R lastPass(Call &call, Step &&step) {
+    if (!call.enter()) return zeroResult<R>();
     if constexpr (std::is_void_v<R>) {
         step(call);
         LeaveKernel(call.frontEnd);
     } else {
         R result = step(call);
         LeaveKernel(call.frontEnd);
-        return env->ExceptionCheck() ? R{} : result;
+        return call.env->ExceptionCheck() ? R{} : result;
     }
+}
+
+// A value method whose whole work is one kernel step in one lock bracket.
+template <typename R, typename Step>
+R valueOp(JNIEnv *env, jobject self, Messages messages, std::initializer_list<Arg> args, Step &&step) {
+    Call call{env};
+    if (!prepareValue(call, self, messages, args)) return zeroResult<R>();
+    return lastPass<R>(call, step);
 }
 
 }  // namespace ambrix

@@ -25,35 +25,28 @@ constexpr Messages kTableCopy{"Table is NULL", "CallBackFrontEnd is NULL"};
 // uses it, so that no collection run by another thread can reclaim it in
 // between. The pass first checks the index count against the table's
 // dimensions, so the kernel never reads past the block (and no block is
-// made for an index that cannot fit). The Java array is
-// read in place, before the lock, and given back without copy-back.
-// Whatever `step` makes is dropped if an exception is pending at the end.
+// made for an index that cannot fit). The Java array is read before the
+// lock, onto the stack (an index longer than any table's dimension count is
+// not read at all: it cannot match). Whatever `step` makes is dropped if an
+// exception is pending at the end.
 template <typename R, typename Step>
 R elementAccess(JNIEnv *env, jobject table, std::initializer_list<Arg> value, jintArray index, Step &&step) {
-    return valueMethod<R>(env, table, kTableQuery, value, [&](Call &call) -> R {
-        jsize n = index == nullptr ? 0 : env->GetArrayLength(index);
-        if (n <= 0) return fail(env, "At least one index expected"), zeroResult<R>();
-        jint *elements = env->GetIntArrayElements(index, nullptr);
-        if (elements == nullptr) return zeroResult<R>();
-        auto access = [&]() -> R {
-            int64_t dimensions = RTableNumDimensions(call.kv(), call.self);
-            if (call.pending()) return zeroResult<R>();
-            if (dimensions != n)
-                return fail(call.env, "Index count does not match the table's dimensions"), zeroResult<R>();
-            auto *entries = static_cast<int64_t *>(VexelAlloc(call.kv(), sizeof(int64_t) * static_cast<size_t>(n)));
-            if (call.pending()) return zeroResult<R>();
-            if (entries == nullptr) return fail(call.env, "Out of Memory"), zeroResult<R>();
-            for (jsize i = 0; i < n; i++) entries[i] = elements[i];
-            return step(call, entries);
-        };
-        if constexpr (std::is_void_v<R>) {
-            call.inLock(access);
-            env->ReleaseIntArrayElements(index, elements, JNI_ABORT);
-        } else {
-            R result = call.inLock(access);
-            env->ReleaseIntArrayElements(index, elements, JNI_ABORT);
-            return result;
-        }
+    Call call{env};
+    if (!prepareValue(call, table, kTableQuery, value)) return zeroResult<R>();
+    jsize n = index == nullptr ? 0 : env->GetArrayLength(index);
+    if (n <= 0) return fail(env, "At least one index expected"), zeroResult<R>();
+    jint javaIndex[RTABLE_MAX_DIMENSIONS];
+    if (n <= RTABLE_MAX_DIMENSIONS) env->GetIntArrayRegion(index, 0, n, javaIndex);
+    return lastPass<R>(call, [&](Call &call) -> R {
+        int64_t dimensions = RTableNumDimensions(call.kv(), call.self);
+        if (call.kernelFailed()) return zeroResult<R>();
+        if (dimensions != n)
+            return fail(call.env, "Index count does not match the table's dimensions"), zeroResult<R>();
+        auto *entries = static_cast<int64_t *>(VexelAlloc(call.kv(), sizeof(int64_t) * static_cast<size_t>(n)));
+        if (call.kernelFailed()) return zeroResult<R>();
+        if (entries == nullptr) return fail(call.env, "Out of Memory"), zeroResult<R>();
+        for (jsize i = 0; i < n; i++) entries[i] = javaIndex[i];
+        return step(call, entries);
     });
 }
 
@@ -63,7 +56,7 @@ template <typename Make>
 void assignElement(JNIEnv *env, jobject table, std::initializer_list<Arg> value, jintArray index, Make &&make) {
     elementAccess<void>(env, table, value, index, [&](Call &call, int64_t *entries) {
         RTableElement element = make(call);
-        if (!call.pending()) RTableAssign(call.kv(), call.self, entries, element);
+        if (!call.kernelFailed()) RTableAssign(call.kv(), call.self, entries, element);
     });
 }
 
@@ -74,7 +67,7 @@ template <typename R, typename Take>
 R selectElement(JNIEnv *env, jobject table, jintArray index, Take &&take) {
     return elementAccess<R>(env, table, {}, index, [&](Call &call, int64_t *entries) -> R {
         RTableElement element = RTableSelect(call.kv(), call.self, entries);
-        if (call.pending()) return R{};
+        if (call.kernelFailed()) return R{};
         return take(call, element);
     });
 }
