@@ -119,9 +119,30 @@ public class Algebraic {
      */
     public native boolean isStop();
 
-    /** Registers this object so the kernel keeps its value alive. */
-    native void addToLiveAlgebStore();
+    /**
+     * Registers this object in the engine's live store, so that the kernel
+     * keeps its value alive for as long as Java can reach the object. Every
+     * object is registered when it is made; this undoes
+     * {@link #removeFromLiveAlgebStore()}. Registering twice is harmless.
+     * It does not enter the kernel.
+     *
+     * @throws com.quorbit.externalcall.VexelException "Engine is void" when
+     *         the object has no engine
+     */
+    public native void addToLiveAlgebStore();
 
-    /** Withdraws the registration made by {@link #addToLiveAlgebStore()}. */
-    native void removeFromLiveAlgebStore();
+    /**
+     * Releases the value early: withdraws this object from the engine's live
+     * store, so that the kernel no longer keeps its value alive on this
+     * object's behalf. The kernel may then reclaim the value at its next
+     * collection (unless something else in the kernel, such as an assigned
+     * name, still holds it); once it has, every use of this object reports
+     * the kernel's error for a stale value ("invalid or reclaimed value" from
+     * the stand-in kernel). Removing twice is harmless. It does not enter the
+     * kernel.
+     *
+     * @throws com.quorbit.externalcall.VexelException "Engine is void" when
+     *         the object has no engine
+     */
+    public native void removeFromLiveAlgebStore();
 }

@@ -17,13 +17,13 @@ import com.quorbit.externalcall.VexelException;
  * discards them all.
  *
  * <pre>{@code
- * Engine engine = new Engine(new String[0], new EngineCallBacksDefault(), null);
- * Algebraic a = engine.evaluate("2^100:");
- * System.out.println(a);            // 1267650600228229401496703205376
- * engine.stop();
+ * try (Engine engine = new Engine(new String[] {"-q"}, new EngineCallBacksDefault(), null)) {
+ *     Algebraic a = engine.evaluate("2^100:");
+ *     System.out.println(a);        // 1267650600228229401496703205376
+ * }
  * }</pre>
  */
-public class Engine {
+public class Engine implements AutoCloseable {
     static {
         System.loadLibrary("ambrix");
     }
@@ -84,6 +84,17 @@ public class Engine {
 
     /** Stops the kernel. The engine cannot be used afterwards, nor can another be started. */
     public native void stop();
+
+    /**
+     * Stops the kernel, as {@link #stop()}, unless it is stopped already: a
+     * second {@code close()} does nothing.
+     */
+    @Override
+    public synchronized void close() {
+        if (kernelID != 0) {
+            stop();
+        }
+    }
 
     /**
      * Writes the kernel's help on a topic to a {@link HelpCallBacks} object.

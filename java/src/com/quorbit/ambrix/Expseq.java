@@ -1,10 +1,12 @@
 package com.quorbit.ambrix;
 
+import java.util.Iterator;
+
 /**
  * A kernel expression sequence, such as {@code 1, 2, 3}; the empty one is
  * {@code NULL}. Elements are numbered from 1.
  */
-public class Expseq extends Algebraic {
+public class Expseq extends Algebraic implements Iterable<Algebraic> {
     /** Wraps a kernel value; called by the native library (signature "(JJ)V"). */
     Expseq(long dag, long kernelID) {
         super(dag, kernelID);
@@ -39,4 +41,16 @@ public class Expseq extends Algebraic {
      * @return a new array of {@link #length()} elements
      */
     public native Algebraic[] toArray();
+
+    /**
+     * Iterates over the elements in order, reading each one with
+     * {@link #select} as the iteration reaches it; the length is read when
+     * this method is called. The iterator does not remove.
+     *
+     * @return an iterator over the elements
+     */
+    @Override
+    public Iterator<Algebraic> iterator() {
+        return new ElementIterator(length(), this::select);
+    }
 }

@@ -1,7 +1,9 @@
 package com.quorbit.ambrix;
 
+import java.util.Iterator;
+
 /** A kernel list, such as {@code [1, 2, 3]}. Elements are numbered from 1. */
-public class List extends Algebraic {
+public class List extends Algebraic implements Iterable<Algebraic> {
     /** Wraps a kernel value; called by the native library (signature "(JJ)V"). */
     List(long dag, long kernelID) {
         super(dag, kernelID);
@@ -36,4 +38,16 @@ public class List extends Algebraic {
      * @return a new array of {@link #length()} elements
      */
     public native Algebraic[] toArray();
+
+    /**
+     * Iterates over the elements in order, reading each one with
+     * {@link #select} as the iteration reaches it; the length is read when
+     * this method is called. The iterator does not remove.
+     *
+     * @return an iterator over the elements
+     */
+    @Override
+    public Iterator<Algebraic> iterator() {
+        return new ElementIterator(length(), this::select);
+    }
 }

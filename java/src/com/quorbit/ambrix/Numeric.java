@@ -1,11 +1,15 @@
 package com.quorbit.ambrix;
 
+import com.quorbit.externalcall.VexelException;
+import java.math.BigInteger;
+
 /**
  * A kernel number: an integer of any size, a rational or a float.
  *
  * <p>The {@code is...} methods tell which Java type can hold it exactly; the
  * {@code ...Value} methods convert it, and report an error when an integer
- * does not fit the width asked for.
+ * does not fit the width asked for; {@link #bigIntegerValue()} reads an
+ * integer of any size.
  */
 public class Numeric extends Algebraic {
     /** Wraps a kernel value; called by the native library (signature "(JJ)V"). */
@@ -96,4 +100,18 @@ public class Numeric extends Algebraic {
      * @return the value, rounded if need be
      */
     public native double doubleValue();
+
+    /**
+     * Converts an integer of any size, exactly.
+     *
+     * @return the value
+     * @throws VexelException "not an integer: ..." for a rational or a float
+     */
+    public BigInteger bigIntegerValue() {
+        if (!isInteger()) {
+            throw new VexelException("not an integer: " + this);
+        }
+        // The kernel prints an integer as its decimal digits.
+        return isLong() ? BigInteger.valueOf(longValue()) : new BigInteger(toString());
+    }
 }
