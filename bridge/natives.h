@@ -10,6 +10,7 @@
 #include "com_quorbit_ambrix_ComplexDoubleRTable.h"
 #include "com_quorbit_ambrix_ComplexNumeric.h"
 #include "com_quorbit_ambrix_ComplexNumericRTable.h"
+#include "com_quorbit_ambrix_Conversions.h"
 #include "com_quorbit_ambrix_DoubleRTable.h"
 #include "com_quorbit_ambrix_Engine.h"
 #include "com_quorbit_ambrix_Expseq.h"

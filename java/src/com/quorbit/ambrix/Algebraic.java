@@ -120,6 +120,51 @@ public class Algebraic {
     public native boolean isStop();
 
     /**
+     * Converts the value to a Java value, where one corresponds.
+     *
+     * <table>
+     * <caption>Kernel values and the Java values they become</caption>
+     * <tr><th>kernel</th><th>Java</th></tr>
+     * <tr><td>an integer</td><td>{@code Long} when it fits, else {@code BigInteger}</td></tr>
+     * <tr><td>another real number (a float or a rational)</td><td>{@code Double}</td></tr>
+     * <tr><td>a string</td><td>{@code String}</td></tr>
+     * <tr><td>{@code true}, {@code false}</td><td>{@code Boolean}</td></tr>
+     * <tr><td>{@code NULL}</td><td>{@code null}</td></tr>
+     * <tr><td>a list or expression sequence</td><td>an unmodifiable {@code java.util.List<Object>},
+     *     elements converted</td></tr>
+     * <tr><td>a table of 1 or 2 dimensions of data type {@code float[8]}, {@code float[4]},
+     *     {@code integer[8]}, {@code integer[4]}, {@code integer[2]} or {@code integer[1]}</td>
+     *     <td>{@code double[]}, {@code float[]}, {@code long[]}, {@code int[]}, {@code short[]},
+     *     {@code byte[]}, or the 2-D array of rows of these</td></tr>
+     * </table>
+     *
+     * <p>Every other value (complex numbers, sets, tables, procedures,
+     * expressions) comes back as this object. {@link Engine#toKernel} is the
+     * inverse.
+     *
+     * @return the Java value
+     */
+    public Object toJava() {
+        return Conversions.toJava(this);
+    }
+
+    /**
+     * Converts the value as {@link #toJava()} does, and checks the result's
+     * type: {@code Long n = engine.evaluate("2+3:").toJava(Long.class)}.
+     * A primitive class stands for its box ({@code long.class} for
+     * {@code Long}). {@code NULL} gives null for any class but a primitive one.
+     *
+     * @param <T>  the expected type
+     * @param type the expected class
+     * @return the converted value
+     * @throws com.quorbit.externalcall.VexelException "Expected &lt;type&gt;, got
+     *         &lt;the value as printed&gt;" when the converted value is of another type
+     */
+    public <T> T toJava(Class<T> type) {
+        return Conversions.toJava(this, type);
+    }
+
+    /**
      * Registers this object in the engine's live store, so that the kernel
      * keeps its value alive for as long as Java can reach the object. Every
      * object is registered when it is made; this undoes

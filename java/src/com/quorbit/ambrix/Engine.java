@@ -239,6 +239,65 @@ public class Engine implements AutoCloseable {
     private native List newListOf(Algebraic[] elements);
 
     /**
+     * Converts a Java value to a kernel value, recursively.
+     *
+     * <table>
+     * <caption>Java values and the kernel values they become</caption>
+     * <tr><th>Java</th><th>kernel</th></tr>
+     * <tr><td>{@code null}</td><td>{@code NULL}</td></tr>
+     * <tr><td>an {@link Algebraic} of this engine</td><td>itself</td></tr>
+     * <tr><td>{@code Boolean}</td><td>{@code true}, {@code false}</td></tr>
+     * <tr><td>{@code Byte}, {@code Short}, {@code Integer}, {@code Long}, {@code BigInteger}</td>
+     *     <td>an integer, exactly</td></tr>
+     * <tr><td>{@code Float}, {@code Double}</td><td>a float</td></tr>
+     * <tr><td>{@code String}, {@code Character}</td><td>a string (each character stored as one byte)</td></tr>
+     * <tr><td>{@code double[]}, {@code float[]}, {@code long[]}, {@code int[]}, {@code short[]},
+     *     {@code byte[]}</td><td>a table {@code 1..n} of data type {@code float[8]}, {@code float[4]},
+     *     {@code integer[8]}, {@code integer[4]}, {@code integer[2]}, {@code integer[1]}</td></tr>
+     * <tr><td>a rectangular {@code double[][]} (and so on)</td><td>a table {@code 1..rows, 1..cols};
+     *     element {@code [i][j]} at index {@code (i+1, j+1)}</td></tr>
+     * <tr><td>{@code Object[]}, {@code java.util.List}</td><td>a list</td></tr>
+     * <tr><td>{@code java.util.Map}</td><td>a table</td></tr>
+     * </table>
+     *
+     * <p>Arrays of primitives and lists of numbers of one kind cross in one
+     * call. {@link Algebraic#toJava()} is the inverse.
+     *
+     * @param value the value
+     * @return the kernel value
+     * @throws VexelException "Cannot convert &lt;class&gt; to a kernel value" for
+     *         any other value or a ragged array, "Cannot convert a collection
+     *         that contains itself", or "this Algebraic has been disposed"
+     */
+    public Algebraic toKernel(Object value) {
+        return Conversions.toKernel(this, value);
+    }
+
+    /**
+     * Calls a kernel procedure with Java arguments and converts its result.
+     * The arguments are converted by {@link #toKernel}; they become values,
+     * never statement text. The procedure is the value of the global name
+     * {@code procedure}.
+     *
+     * <pre>{@code
+     * engine.evaluate("area := proc(w, h) w * h end proc:");
+     * Object a = engine.call("area", 3, 4);          // Long 12
+     * Object b = engine.call("area", 1.5, 2);        // Double 3.0
+     * }</pre>
+     *
+     * @param procedure the name of the procedure
+     * @param args      the arguments, each converted by {@link #toKernel}
+     * @return the result, converted by {@link Algebraic#toJava()}; null when
+     *         the procedure returns {@code NULL} or nothing
+     * @throws VexelException "Procedure name is NULL", "&lt;name&gt; is not a
+     *         procedure", or what converting an argument or running the
+     *         procedure reports
+     */
+    public Object call(String procedure, Object... args) {
+        return Conversions.call(this, procedure, args);
+    }
+
+    /**
      * Makes a kernel integer.
      *
      * @param value the value

@@ -107,6 +107,28 @@ class BulkTest {
     }
 
     @Test
+    void tablesLongerThanOneChunkOfTheWalk() {
+        IntRTable ints = (IntRTable) eval("Array(0..999, datatype = integer[4]):");
+        int[] values = new int[1000];
+        for (int i = 0; i < values.length; i++) values[i] = i * 7 - 3000;
+        ints.assignAll(values);
+        assertArrayEquals(values, ints.toArray());
+        assertEquals(values[999], ints.select(new int[] {999}));
+        ComplexDoubleRTable pairs = (ComplexDoubleRTable) eval("Array(1..300, datatype = complex[8]):");
+        double[] parts = new double[600];
+        for (int i = 0; i < parts.length; i++) parts[i] = i / 4.0;
+        pairs.assignAll(parts);
+        assertArrayEquals(parts, pairs.toArray());
+        List list = (List) eval("[seq(i, i = 1..700)]:");
+        Algebraic[] elements = list.toArray();
+        assertEquals("700", elements[699].toString());
+        AlgebraicRTable any = (AlgebraicRTable) eval("Array(1..700, datatype = anything):");
+        any.assignAll(elements);
+        assertEquals("[1, 2, 3]", Arrays.toString(Arrays.copyOf(any.toArray(), 3)));
+        assertEquals(list.toString(), ENGINE.newList(any.toArray()).toString());
+    }
+
+    @Test
     void valueTablesWrapEachElementByItsKind() {
         AlgebraicRTable t = (AlgebraicRTable) table("anything");
         t.assignAll(values("x + 1", "\"s\"", "[1, 2]", "2^100", "table()", "y"));

@@ -44,8 +44,16 @@ class StressTest {
         assertEquals(2.0 * round, twice.executehf(new double[] {round}));
     }
 
-    @Test
-    void valuesSurviveCollectionsByOtherThreads() throws Exception {
+    /** One round of one worker. */
+    interface Round {
+        void run(int worker, int round);
+    }
+
+    /**
+     * Runs `rounds` rounds on each of three workers while another thread
+     * keeps collecting.
+     */
+    static void whileCollecting(int rounds, Round body) throws Exception {
         AtomicBoolean running = new AtomicBoolean(true);
         // The kernel lock is a Java monitor, which is not fair: a thread that
         // takes it again at once could starve the others, so the collector
@@ -67,7 +75,7 @@ class StressTest {
             for (int w = 0; w < 3; w++) {
                 int worker = w;
                 done.add(pool.submit(() -> {
-                    for (int round = 0; round < 150; round++) work(worker, round);
+                    for (int round = 0; round < rounds; round++) body.run(worker, round);
                     return null;
                 }));
             }
@@ -77,6 +85,11 @@ class StressTest {
             pool.shutdownNow();
             collector.join(10_000);
         }
+    }
+
+    @Test
+    void valuesSurviveCollectionsByOtherThreads() throws Exception {
+        whileCollecting(150, StressTest::work);
         long collections = ((Numeric) eval("kernelopts(collections);")).longValue();
         assertEquals(true, collections > 10, "collections: " + collections);
     }
