@@ -248,6 +248,7 @@ Kernel::~Kernel() {
     K = this;
     slots.clear();
     for (auto &b : blocks) std::free(b.p);
+    for (auto &c : chunks) std::free(c.base);
     for (void *p : report_blocks) std::free(p);
     K = saved;
 }

@@ -129,6 +129,16 @@ struct Block {
     uint64_t birth;
 };
 
+// Small VexelAlloc blocks are cut from chunks by bumping a pointer: an
+// embedder may ask for a few bytes on every call. A chunk goes at the
+// collection that would reclaim its newest block.
+struct Chunk {
+    uint8_t *base;
+    size_t used;      // bytes handed out, alignment included
+    size_t bytes;     // bytes asked for, as kernelopts(bytesalloc) counts them
+    uint64_t newest;  // the birth of its newest block
+};
+
 // One procedure activation of the interpreter.
 struct Frame {
     std::shared_ptr<const ProcDef> def;
@@ -165,6 +175,7 @@ struct Kernel {
     std::vector<H> op_roots;
     std::unordered_map<std::string, H> globals;
     std::vector<Block> blocks;
+    std::vector<Chunk> chunks;
     size_t block_bytes = 0;
     int64_t failalloc = 0;
     std::vector<Frame *> frames;

@@ -119,9 +119,50 @@ static void free_slot(uint32_t idx) {
 
 // ---- VexelAlloc blocks ----
 
+// Blocks up to this size come from chunks, except under AddressSanitizer,
+// where each block is its own allocation so that overruns are caught.
+#if defined(__SANITIZE_ADDRESS__)
+constexpr size_t kSmallBlock = 0;
+#else
+constexpr size_t kSmallBlock = 256;
+#endif
+constexpr size_t kChunkBytes = 64 * 1024;
+
+static void *chunk_alloc(size_t n) {
+    size_t size = (n + 15) & ~size_t(15);
+    if (K->chunks.empty() || K->chunks.back().used + size > kChunkBytes) {
+        auto *base = static_cast<uint8_t *>(std::malloc(kChunkBytes));
+        if (!base) return nullptr;
+        K->chunks.push_back(Chunk{base, 0, 0, 0});
+    }
+    Chunk &c = K->chunks.back();
+    void *p = c.base + c.used;
+    c.used += size;
+    c.bytes += n;
+    c.newest = K->serial++;
+    std::memset(p, 0xA5, n);
+    K->block_bytes += n;
+    ++K->allocs_since_gc;
+    return p;
+}
+
+static void free_chunks(uint64_t keep_from) {
+    size_t kept = 0;
+    for (Chunk &c : K->chunks) {
+        if (c.newest < keep_from) {
+            std::free(c.base);
+            K->block_bytes -= c.bytes;
+        } else {
+            K->chunks[kept++] = c;
+        }
+    }
+    K->chunks.resize(kept);
+}
+
 void *block_alloc(size_t n) {
     if (K->failalloc > 0 && --K->failalloc == 0) return nullptr;
     if (n > (size_t(1) << 40)) return nullptr;
+    if (n > 0 && n <= kSmallBlock) return chunk_alloc(n);
     void *p = std::malloc(n ? n : 1);
     if (!p) return nullptr;
     std::memset(p, 0xA5, n ? n : 1);
@@ -304,6 +345,7 @@ void collect() {
         }
     }
     K->blocks.swap(keep);
+    free_chunks(keep_from);
 
     K->last_gc_begin = begin;
     K->allocs_since_gc = 0;
@@ -330,6 +372,7 @@ void discard_all(bool run_dispose) {
     unique_forget_all();
     for (auto &b : K->blocks) std::free(b.p);
     K->blocks.clear();
+    free_chunks(UINT64_MAX);
     K->block_bytes = 0;
     K->null_val = K->stop_val = K->true_name = K->false_name = K->sfloat_name = 0;
     for (H &h : K->dtype_vals) h = 0;

@@ -1,4 +1,7 @@
 // The collector: roots, the young rule, pointer values, stale handles.
+#include <cstring>
+#include <vector>
+
 #include "support.hpp"
 
 using namespace standin_test;
@@ -47,6 +50,28 @@ TEST_F(Collector, YoungValuesAndBlocksSurviveOneCollection) {
     eval("gc():");
     EXPECT_FALSE(alive(young));
     EXPECT_LT(count("bytesalloc"), 1000);
+}
+
+// Small blocks share chunks: each is aligned, apart from the others, and
+// goes when the collection that would reclaim it frees its chunk.
+TEST_F(Collector, SmallBlocksAreReclaimedWithTheirChunks) {
+    eval("gc():");
+    constexpr int kBlocks = 3000;  // two chunks, and fewer than a collection is due after
+    constexpr size_t kSize = 24;
+    std::vector<uint8_t *> blocks;
+    for (int i = 0; i < kBlocks; ++i) {
+        auto *p = static_cast<uint8_t *>(VexelAlloc(kv, kSize));
+        ASSERT_NE(p, nullptr);
+        EXPECT_EQ(reinterpret_cast<uintptr_t>(p) % 16, 0u);
+        std::memset(p, i & 0xFF, kSize);
+        blocks.push_back(p);
+    }
+    for (int i = 0; i < kBlocks; ++i) ASSERT_EQ(blocks[size_t(i)][kSize - 1], uint8_t(i & 0xFF)) << i;
+    EXPECT_GE(count("bytesalloc"), int64_t(kBlocks * kSize));
+    eval("gc():");
+    EXPECT_GE(count("bytesalloc"), int64_t(kBlocks * kSize));
+    eval("gc():");
+    EXPECT_LT(count("bytesalloc"), int64_t(kSize));
 }
 
 TEST_F(Collector, RootsOfNamesAndOfTheRunningStatement) {

@@ -182,6 +182,7 @@ public final class Bench {
         callbacks(engine, s, counter);
         section("bulk: a " + count(s.elements()) + "-element float[8] table to and from a double[]");
         bulk(engine, s, Target.ratioAtMost(5), Target.ratioAtLeast(100));
+        conversions(engine, s);
         engine.stop();
         System.out.flush();
         int status = runFallback(args);
@@ -232,6 +233,21 @@ public final class Bench {
             for (int i = 0; i < n; i++) sum += num.toString().length();
             return sum;
         }), "ns/call", monitor, Target.NONE);
+        // What any new wrapper costs in Java alone: the live store is a weak
+        // map, and each wrapper is one more weak key in it.
+        WeakHashMap<Object, Object> weak = new WeakHashMap<>();
+        double weakPut = perOp(s, s.calls(), n -> {
+            long sum = 0;
+            for (int i = 0; i < n; i++) {
+                Key key = new Key(i);
+                synchronized (weak) {
+                    weak.put(key, null);
+                }
+                sum += key.value;
+            }
+            return sum;
+        });
+        floorRow("a new key into a synchronized WeakHashMap", weakPut, "ns/call");
         row("List.select (new wrapper)", perOp(s, s.calls(), n -> {
             long sum = 0;
             for (int i = 0; i < n; i++) sum += list.select(2) != null ? 1 : 0;
@@ -389,6 +405,61 @@ public final class Bench {
         String scaled = k < m ? " (scaled)" : "";
         row("select loop" + scaled + " / toArray", selectLoop, "us", toArray, speedUp);
         row("assign loop" + scaled + " / assignAll", assignLoop, "us", assignAll, speedUp);
+    }
+
+    /**
+     * Engine.toKernel and Algebraic.toJava against the calls they are built
+     * on: a double[] against making the table and assignAll, its table back
+     * against toArray, and a List<Long>, per element, against one newNumeric.
+     */
+    private static void conversions(Engine engine, Sizes s) {
+        int m = s.elements();
+        section("conversions: a " + count(m) + "-element double[] and a " + count(s.loopElements())
+                + "-element List<Long>, against the calls they are built on");
+        double[] src = new double[m];
+        for (int i = 0; i < m; i++) src[i] = i * 0.5;
+        double bulkIn = perOp(s, s.transfers(), n -> {
+            long sum = 0;
+            for (int i = 0; i < n; i++) {
+                DoubleRTable t = (DoubleRTable) engine.evaluate("Array(1.." + m + ", datatype = float[8]):");
+                t.assignAll(src);
+                sum += t.hashCode();
+            }
+            return sum;
+        }) / 1000;
+        double toKernel = perOp(s, s.transfers(), n -> {
+            long sum = 0;
+            for (int i = 0; i < n; i++) sum += engine.toKernel(src).hashCode();
+            return sum;
+        }) / 1000;
+        Algebraic table = engine.toKernel(src);
+        double bulkOut = perOp(s, s.transfers(), n -> {
+            long sum = 0;
+            for (int i = 0; i < n; i++) sum += ((DoubleRTable) table).toArray().length;
+            return sum;
+        }) / 1000;
+        double toJava = perOp(s, s.transfers(), n -> {
+            long sum = 0;
+            for (int i = 0; i < n; i++) sum += ((double[]) table.toJava()).length;
+            return sum;
+        }) / 1000;
+        int k = s.loopElements();
+        java.util.List<Long> longs = new java.util.ArrayList<>(k);
+        for (long i = 0; i < k; i++) longs.add(i * 1_000_003L);
+        double newNumeric = perOp(s, k, n -> {
+            long sum = 0;
+            for (int i = 0; i < n; i++) sum += engine.newNumeric((long) i).hashCode();
+            return sum;
+        });
+        double listIn = perOp(s, 1, n -> {
+            long sum = 0;
+            for (int i = 0; i < n; i++) sum += engine.toKernel(longs).hashCode();
+            return sum;
+        }) / k;
+        Target close = Target.ratioAtMost(1.5);
+        row("Engine.toKernel(double[])", toKernel, "us", bulkIn, close);
+        row("Algebraic.toJava() of that table", toJava, "us", bulkOut, close);
+        row("Engine.toKernel(List<Long>), per element", listIn, "ns/elt", newNumeric, Target.ratioAtMost(2));
     }
 
     /** The kernel library this process loaded, from the memory map. */
