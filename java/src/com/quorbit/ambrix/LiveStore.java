@@ -53,7 +53,46 @@ final class LiveStore {
             }
             handles[n++] = ((Algebraic) wrapper).dag;
         }
-        return n == handles.length ? handles : Arrays.copyOf(handles, n);
+        if (n != handles.length) {
+            handles = Arrays.copyOf(handles, n);
+        }
+        return n >= SORTED_FROM ? sorted(handles) : handles;
+    }
+
+    /**
+     * From this many wrappers on, the handles go to the kernel in ascending
+     * order: where a kernel's handles are addresses (or grow with its cells),
+     * the kernel then visits its cells in memory order instead of at random,
+     * which outweighs the sort once they no longer fit the caches.
+     */
+    static final int SORTED_FROM = 1 << 18;
+
+    /** The values sorted as unsigned numbers: a radix sort, a byte at a time, skipping bytes they all share. */
+    static long[] sorted(long[] values) {
+        long[] from = values;
+        long[] to = new long[values.length];
+        int[] counts = new int[256];
+        for (int shift = 0; shift < 64; shift += 8) {
+            Arrays.fill(counts, 0);
+            for (long v : from) {
+                counts[(int) (v >>> shift) & 0xFF]++;
+            }
+            if (counts[(int) (from[0] >>> shift) & 0xFF] == from.length) {
+                continue;
+            }
+            for (int i = 0, sum = 0; i < 256; i++) {
+                int c = counts[i];
+                counts[i] = sum;
+                sum += c;
+            }
+            for (long v : from) {
+                to[counts[(int) (v >>> shift) & 0xFF]++] = v;
+            }
+            long[] swap = from;
+            from = to;
+            to = swap;
+        }
+        return from;
     }
 
     /** Disposes every wrapper in the store and empties it: the kernel has discarded their values. */

@@ -333,6 +333,22 @@ public final class Bench {
         row("per-wrapper growth " + count(s.wrappers()[0]) + " -> " + count(s.wrappers()[last]),
                 perWrapper[last] / perWrapper[0], "times", perEntry[last] / perEntry[0], Target.valueAtMost(2));
         dropGarbage(engine);
+
+        // Wrappers of values that live in cells: the kernel visits a cell for
+        // each handle the pass marks. Against the same values kept alive by a
+        // kernel list instead, which the kernel marks itself.
+        int size = s.wrappers()[last];
+        int gcs = Math.max(3, 1_000_000 / size);
+        engine.evaluate("benchFloats := [seq(i + 0.5, i = 1.." + size + ")]:");
+        double byKernel = perOp(s, gcs, gc);
+        Algebraic[] held = ((List) engine.evaluate("benchFloats:")).toArray();
+        engine.evaluate("benchFloats := 0:");
+        double byWrappers = perOp(s, gcs, gc);
+        Reference.reachabilityFence(held);
+        held = null;
+        row("mark pass, " + count(size) + " wrappers of floats", (byWrappers - byKernel) / size, "ns/wrapper",
+                perEntry[last], Target.NONE);
+        dropGarbage(engine);
     }
 
     /** Lets the JVM clear dropped wrappers, and the engine's store forget them. */
@@ -400,7 +416,8 @@ public final class Bench {
         }) * m / 1000;
         floorRow("System.arraycopy of " + count(m) + " doubles", copy, "us");
         floorRow("System.arraycopy into a new double[]", copyNew, "us");
-        row("DoubleRTable.toArray", toArray, "us", copy, bulkTarget);
+        // toArray makes a new array, so its floor is the copy into a new one.
+        row("DoubleRTable.toArray", toArray, "us", copyNew, bulkTarget);
         row("DoubleRTable.assignAll", assignAll, "us", copy, bulkTarget);
         String scaled = k < m ? " (scaled)" : "";
         row("select loop" + scaled + " / toArray", selectLoop, "us", toArray, speedUp);

@@ -81,6 +81,31 @@ class LiveStoreTest {
     }
 
     @Test
+    void handlesAreSortedAsUnsignedNumbers() {
+        long[][] cases = {
+            {5, 1, 4, 1, 3},
+            {-1, 0, Long.MIN_VALUE, Long.MAX_VALUE, 1},
+            {0x1234_0000_0000_0010L, 0x1234_0000_0000_0008L, 0x1233_ffff_ffff_fff8L},  // bytes they share are skipped
+            {7, 7, 7},
+            {42},
+        };
+        for (long[] handles : cases) {
+            long[] expected = java.util.stream.LongStream.of(handles).boxed()
+                .sorted(Long::compareUnsigned).mapToLong(Long::longValue).toArray();
+            org.junit.jupiter.api.Assertions.assertArrayEquals(expected, LiveStore.sorted(handles.clone()));
+        }
+    }
+
+    @Test
+    void aStoreLargeEnoughToBeSortedKeepsEveryValue() {
+        int n = LiveStore.SORTED_FROM + 1000;
+        Algebraic[] values = ((List) eval("[seq(i + 0.5, i = 1.." + n + ")]:")).toArray();
+        collect();
+        collect();
+        for (int i = 0; i < n; i++) assertEquals(i + 1.5, ((Numeric) values[i]).doubleValue());
+    }
+
+    @Test
     void withoutAnEngineTheStoreRefuses() throws Throwable {
         assertVexel("Engine is void", () -> new Algebraic(1, 0));
         Algebraic value = eval("[1];");
