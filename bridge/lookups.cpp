@@ -149,6 +149,10 @@ bool makeLookups(JNIEnv *env, jobject engine, jobject callBacks) {
     }
     s.field(l.peers[kAlgebraic], "dag", l.dag);
     s.field(l.peers[kAlgebraic], "kernelID", l.valueKernelID);
+    if (s.ok()) {
+        l.dimensionCount = env->GetFieldID(l.peers[kRTable], "dimensionCount", "I");
+        if (l.dimensionCount == nullptr) return false;
+    }
     jclass engineClass = env->GetObjectClass(engine);
     s.field(engineClass, "kernelID", l.engineKernelID);
     env->DeleteLocalRef(engineClass);

@@ -49,6 +49,7 @@ struct Lookups {
     jfieldID dag;                    // Algebraic.dag
     jfieldID valueKernelID;          // Algebraic.kernelID
     jfieldID engineKernelID;         // Engine.kernelID
+    jfieldID dimensionCount;         // RTable.dimensionCount (int)
 
     jclass vexelException;
     jmethodID vexelArgCount, vexelArg;  // getArgCount(), getArg(int)

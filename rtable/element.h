@@ -25,7 +25,8 @@ constexpr Messages kTableCopy{"Table is NULL", "CallBackFrontEnd is NULL"};
 // uses it, so that no collection run by another thread can reclaim it in
 // between. The pass first checks the index count against the table's
 // dimensions, so the kernel never reads past the block (and no block is
-// made for an index that cannot fit). The Java array is read before the
+// made for an index that cannot fit); the count is asked of the kernel once
+// per wrapper and kept in its `dimensionCount`, since a table's never changes. The Java array is read before the
 // lock, onto the stack (an index longer than any table's dimension count is
 // not read at all: it cannot match). Whatever `step` makes is dropped if an
 // exception is pending at the end.
@@ -37,9 +38,15 @@ R elementAccess(JNIEnv *env, jobject table, std::initializer_list<Arg> value, ji
     if (n <= 0) return fail(env, "At least one index expected"), zeroResult<R>();
     jint javaIndex[RTABLE_MAX_DIMENSIONS];
     if (n <= RTABLE_MAX_DIMENSIONS) env->GetIntArrayRegion(index, 0, n, javaIndex);
+    jint known = lookupsReady() ? env->GetIntField(table, lookups.dimensionCount) : 0;
     return lastPass<R>(call, [&](Call &call) -> R {
-        int64_t dimensions = RTableNumDimensions(call.kv(), call.self);
-        if (call.kernelFailed()) return zeroResult<R>();
+        int64_t dimensions = known;
+        if (dimensions == 0) {
+            dimensions = RTableNumDimensions(call.kv(), call.self);
+            if (call.kernelFailed()) return zeroResult<R>();
+            if (dimensions > 0 && dimensions <= RTABLE_MAX_DIMENSIONS && lookupsReady())
+                env->SetIntField(table, lookups.dimensionCount, static_cast<jint>(dimensions));
+        }
         if (dimensions != n)
             return fail(call.env, "Index count does not match the table's dimensions"), zeroResult<R>();
         auto *entries = static_cast<int64_t *>(VexelAlloc(call.kv(), sizeof(int64_t) * static_cast<size_t>(n)));

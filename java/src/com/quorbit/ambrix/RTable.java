@@ -11,6 +11,13 @@ package com.quorbit.ambrix;
  */
 public class RTable extends Algebraic {
     /** Wraps a kernel value; called by the native library (signature "(JJ)V"). */
+    /**
+     * The table's number of dimensions once element access has asked the
+     * kernel for it (0 before): it never changes for a table. Read and
+     * written by the native library.
+     */
+    int dimensionCount;
+
     RTable(long dag, long kernelID) {
         super(dag, kernelID);
     }
