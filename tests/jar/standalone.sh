@@ -12,10 +12,17 @@ work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 mkdir "$work/app" "$work/tmp"
 cp "$build/java/ambrix.jar" "$work/app/"
-awk '/^## Use it from Java/ { section = 1 } section && /^```java$/ { code = 1; next }
-     code && /^```$/ { exit } code' "$src/README.md" >"$work/app/Example.java"
-grep -q 'class Example' "$work/app/Example.java" || { echo "no Java example in the README"; exit 1; }
-(cd "$work/app" && javac -cp ambrix.jar Example.java)
+# readme_example N CLASS: the N-th Java block of the README's "Use it from
+# Java" section, as CLASS.java in the example's folder.
+readme_example() {
+  awk -v want="$1" '/^## / { section = /^## Use it from Java/ }
+       section && /^```java$/ { n++; code = n == want; next }
+       code && /^```$/ { code = 0 } code' "$src/README.md" >"$work/app/$2.java"
+  grep -q "class $2" "$work/app/$2.java" || { echo "no Java example $2 in the README"; exit 1; }
+}
+readme_example 1 Example
+readme_example 2 CallExample
+(cd "$work/app" && javac -cp ambrix.jar Example.java CallExample.java)
 
 failures=0
 # check NAME EXPECTED_STATUS EXPECTED_TEXT JAVA_ARGS...: runs java in the
@@ -38,6 +45,7 @@ check() {
 
 value=1267650600228229401496703205376
 check "the jar's own libraries" 0 "$value" -cp ambrix.jar:. Example
+check "the README's conversions and call" 0 "42 13.5 3.0" -cp ambrix.jar:. CallExample
 check "as an automatic module" 0 "$value" -p ambrix.jar --add-modules com.quorbit.ambrix -cp . Example
 check "ambrix.library.path" 0 "$value" -Dambrix.library.path="$build/lib" -cp ambrix.jar:. Example
 # Another kernel binds by its soname, whatever its file is called.
