@@ -99,7 +99,7 @@ struct Steps {
     }
 
     // The values of static int fields of the object's class.
-    bool staticInts(jobject object, const char *const *names, jint *values, int count) {
+    bool staticIntsOf(jobject object, const char *const *names, jint *values, int count) {
         if (!ok()) return false;
         jclass cls = env->GetObjectClass(object);
         for (int i = 0; i < count && ok(); i++) {
@@ -172,8 +172,13 @@ bool makeLookups(JNIEnv *env, jobject engine, jobject callBacks) {
         s.globalClass(kBoxes[b].name, l.boxes[b]);
         if (kBoxes[b].method != nullptr) s.method(l.boxes[b], kBoxes[b].method, kBoxes[b].signature, l.boxValue[b]);
     }
-    s.staticInts(callBacks, kTextTagFields, l.textTags, kTextTagCount);
-    s.staticInts(engine, kHelpSectionFields, l.helpSections, kHelpSectionCount);
+    s.staticIntsOf(callBacks, kTextTagFields, l.textTags, kTextTagCount);
+    s.staticIntsOf(engine, kHelpSectionFields, l.helpSections, kHelpSectionCount);
+    jclass help = nullptr;
+    s.globalClass("com/quorbit/ambrix/HelpCallBacks", help);
+    s.method(help, "writeChar", "(Ljava/lang/Object;I)Z", l.helpWriteChar);
+    s.method(help, "writeAttrib", "(Ljava/lang/Object;I)Z", l.helpWriteAttrib);
+
     if (!s.ok()) return false;
     l.rtableData = findRTableData();
     ready.store(true, std::memory_order_release);

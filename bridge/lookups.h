@@ -43,6 +43,7 @@ constexpr int kTextTagCount = 8;
 // The help sections, in the order of kHelpSectionFields.
 constexpr int kHelpSectionCount = 5;
 
+
 struct Lookups {
     jclass peers[kPeerCount];
     jmethodID peerInit[kPeerCount];  // "(JJ)V"
@@ -66,6 +67,7 @@ struct Lookups {
 
     jint textTags[kTextTagCount];          // the callbacks class's VEXEL_TEXT_* values
     jint helpSections[kHelpSectionCount];  // Engine's VEXEL_HELP_* values
+    jmethodID helpWriteChar, helpWriteAttrib;  // of the HelpCallBacks interface
 
     VexelRTableDataFunction rtableData;  // the kernel's optional VexelRTableData, or null
 };

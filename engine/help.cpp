@@ -20,10 +20,10 @@ struct HelpCallBackData {
 
 const char *attributeField(int attribute) {
     switch (attribute) {
-        case 0: return "VEXEL_ATTRIB_NORMAL";
-        case 1: return "VEXEL_ATTRIB_ITAL";
-        case 3: return "VEXEL_ATTRIB_BOLD";
-        case 4: return "VEXEL_ATTRIB_UNDER";
+        case VEXEL_ATTRIB_NORMAL: return "VEXEL_ATTRIB_NORMAL";
+        case VEXEL_ATTRIB_ITAL: return "VEXEL_ATTRIB_ITAL";
+        case VEXEL_ATTRIB_BOLD: return "VEXEL_ATTRIB_BOLD";
+        case VEXEL_ATTRIB_UNDER: return "VEXEL_ATTRIB_UNDER";
         default: return nullptr;
     }
 }
@@ -56,6 +56,8 @@ int WriteAttribCallBack(void *data, int attribute) {
     }
     JNIEnv *env = javaEnv(help);
     if (env == nullptr) return 1;
+    // The value is the help object's own: found by name on its class, which
+    // differs from call to call, so it is not among the lookups made once.
     jclass cls = env->GetObjectClass(help->helpCallBacks);
     jfieldID id = cls == nullptr ? nullptr : env->GetStaticFieldID(cls, field, "I");
     jint value = id == nullptr ? 0 : env->GetStaticIntField(cls, id);
@@ -72,15 +74,13 @@ const char *sectionKeyword(JNIEnv *env, jint section) {
     return nullptr;
 }
 
-// Finds the two help methods; false with an exception pending.
+// The two help methods, of the HelpCallBacks interface; false with an
+// exception pending.
 bool helpMethods(JNIEnv *env, HelpCallBackData &help) {
     if (help.helpCallBacks == nullptr) return ambrix::fail(env, "HelpCallBacks is NULL");
-    jclass cls = env->GetObjectClass(help.helpCallBacks);
-    if (cls == nullptr) return false;
-    help.writeChar = env->GetMethodID(cls, "writeChar", "(Ljava/lang/Object;I)Z");
-    if (help.writeChar != nullptr) help.writeAttrib = env->GetMethodID(cls, "writeAttrib", "(Ljava/lang/Object;I)Z");
-    env->DeleteLocalRef(cls);
-    return !env->ExceptionCheck();
+    help.writeChar = ambrix::lookups.helpWriteChar;
+    help.writeAttrib = ambrix::lookups.helpWriteAttrib;
+    return true;
 }
 
 }  // namespace
