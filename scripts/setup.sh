@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs what building and testing need (Debian packages), when missing.
 set -euo pipefail
-packages=(g++ cmake make libgmp-dev libgtest-dev openjdk-17-jdk-headless junit5 libjline3-java dpkg-dev)
+packages=(g++ cmake make file libgmp-dev libgtest-dev openjdk-17-jdk-headless junit5 libjline3-java dpkg-dev)
 missing=()
 for p in "${packages[@]}"; do
   dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")

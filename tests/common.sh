@@ -5,7 +5,9 @@
 # for a normal build). jni_clean FILE fails when the output of a JVM run
 # with -Xcheck:jni holds a JNI warning or error.
 sanitizer_preload=
-if nm -D "$1/lib/libambrix.so" 2>/dev/null | grep -q __asan_init; then
+# grep reads all of nm's output (no -q): under pipefail, a grep that stops
+# early makes nm die of SIGPIPE and the test fail.
+if nm -D "$1/lib/libambrix.so" 2>/dev/null | grep __asan_init >/dev/null; then
   sanitizer_preload=$(g++ -print-file-name=libasan.so):$(g++ -print-file-name=libubsan.so)
   export ASAN_OPTIONS=${ASAN_OPTIONS:-handle_segv=0:detect_leaks=0:allow_user_segv_handler=1}
 fi
