@@ -50,14 +50,23 @@ void markKeys(JNIEnv *env, CallBackFrontEnd *frontEnd) {
     KernelVector kv = frontEnd->kernelVector;
     bool missed = false;
     jlong chunk[kChunk];
-    for (jsize start = 0; start < length && !env->ExceptionCheck(); start += kChunk) {
+    // A mark that fails reports through the error callback, which enters
+    // Java: the VM is asked for an exception only when that happened.
+    uint64_t entries = ambrix::javaEntries.load(std::memory_order_relaxed);
+    bool failed = false;
+    for (jsize start = 0; start < length && !failed; start += kChunk) {
         jsize n = length - start < kChunk ? length - start : kChunk;
         env->GetLongArrayRegion(handles, start, n, chunk);
-        for (jsize i = 0; i < n && !env->ExceptionCheck(); i++) {
-            if (chunk[i] == 0)
+        for (jsize i = 0; i < n && !failed; i++) {
+            if (chunk[i] == 0) {
                 missed = true;
-            else
-                VexelGcMark(kv, reinterpret_cast<ALGEB>(chunk[i]));
+                continue;
+            }
+            VexelGcMark(kv, reinterpret_cast<ALGEB>(chunk[i]));
+            if (ambrix::javaEntries.load(std::memory_order_relaxed) != entries) {
+                entries = ambrix::javaEntries.load(std::memory_order_relaxed);
+                failed = env->ExceptionCheck();
+            }
         }
     }
     env->DeleteLocalRef(handles);
