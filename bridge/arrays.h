@@ -57,6 +57,17 @@ jobjectArray wrappedArray(Call &call, jsize length, Value &&value, Wrap &&wrap) 
     return array;
 }
 
+// Under the lock: a new list of `length` elements, `element(i)` giving the
+// value of element i (from 0), wrapped before the lock is released; null
+// with an exception pending on failure.
+template <typename Element>
+jobject newListOf(Call &call, jsize length, Element &&element) {
+    ALGEB list = VexelListAlloc(call.kv(), length);
+    for (jsize i = 0; i < length && !call.kernelFailed(); i++)
+        VexelListAssign(call.kv(), list, int64_t(i) + 1, element(i));
+    return call.pending() ? nullptr : call.peer(list, kList);
+}
+
 }  // namespace ambrix
 
 #endif

@@ -92,9 +92,9 @@ struct Steps {
         return slot != nullptr;
     }
 
-    bool field(jclass cls, const char *name, jfieldID &slot) {
+    bool field(jclass cls, const char *name, jfieldID &slot, const char *signature = "J") {
         if (!ok()) return false;
-        slot = env->GetFieldID(cls, name, "J");
+        slot = env->GetFieldID(cls, name, signature);
         return slot != nullptr;
     }
 
@@ -125,7 +125,8 @@ VexelRTableDataFunction findRTableData() {
 
 }  // namespace
 
-const int kTextTags[kTextTagCount] = {3, 1, 2, 9, 4, 5, 7, 10};
+const int kTextTags[kTextTagCount] = {VEXEL_TEXT_OUTPUT, VEXEL_TEXT_DIAG,  VEXEL_TEXT_MISC,   VEXEL_TEXT_HELP,
+                                      VEXEL_TEXT_QUIT,   VEXEL_TEXT_WARNING, VEXEL_TEXT_STATUS, VEXEL_TEXT_DEBUG};
 const char *const kHelpSectionKeywords[kHelpSectionCount] = {"", "usage", "info", "examples", "seealso"};
 
 bool lookupsReady() { return ready.load(std::memory_order_acquire); }
@@ -149,10 +150,7 @@ bool makeLookups(JNIEnv *env, jobject engine, jobject callBacks) {
     }
     s.field(l.peers[kAlgebraic], "dag", l.dag);
     s.field(l.peers[kAlgebraic], "kernelID", l.valueKernelID);
-    if (s.ok()) {
-        l.dimensionCount = env->GetFieldID(l.peers[kRTable], "dimensionCount", "I");
-        if (l.dimensionCount == nullptr) return false;
-    }
+    s.field(l.peers[kRTable], "dimensionCount", l.dimensionCount, "I");
     jclass engineClass = env->GetObjectClass(engine);
     s.field(engineClass, "kernelID", l.engineKernelID);
     env->DeleteLocalRef(engineClass);

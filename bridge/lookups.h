@@ -43,7 +43,6 @@ constexpr int kTextTagCount = 8;
 // The help sections, in the order of kHelpSectionFields.
 constexpr int kHelpSectionCount = 5;
 
-
 struct Lookups {
     jclass peers[kPeerCount];
     jmethodID peerInit[kPeerCount];  // "(JJ)V"

@@ -214,11 +214,8 @@ JNIEXPORT jobject JNICALL Java_com_quorbit_ambrix_Engine_newListOf(JNIEnv *env, 
     return ambrix::engineMethod<jobject>(env, self, [&](Call &call) -> jobject {
         ambrix::Handles values;
         if (!values.read(env, elements)) return nullptr;
-        return call.inLock([&]() -> jobject {
-            ALGEB list = VexelListAlloc(call.kv(), values.length);
-            for (jsize i = 0; i < values.length && !call.kernelFailed(); i++)
-                VexelListAssign(call.kv(), list, i + 1, values.handles[i]);
-            return call.pending() ? nullptr : call.peer(list, ambrix::kList);
+        return call.inLock([&] {
+            return ambrix::newListOf(call, values.length, [&](jsize i) { return values.handles[i]; });
         });
     });
 }

@@ -4,8 +4,8 @@
 // read back as one Java array.
 #include <climits>
 
+#include "arrays.h"
 #include "bulk.h"
-#include "frame.h"
 
 using ambrix::Call;
 using ambrix::JavaArray;
@@ -29,17 +29,13 @@ jobject numberList(JNIEnv *env, jobject engine, typename JavaArray<J>::Array val
     return ambrix::engineMethod<jobject>(env, engine, [&](Call &call) -> jobject {
         if (values == nullptr) return ambrix::fail(env, "Array is NULL"), nullptr;
         jsize length = env->GetArrayLength(values);
-        return call.inLock([&]() -> jobject {
-            KernelVector kv = call.kv();
-            ALGEB list = VexelListAlloc(kv, length);
+        return call.inLock([&] {
             J chunk[kBulkChunk];
-            for (jsize at = 0; at < length && !call.kernelFailed(); at += kBulkChunk) {
-                jsize n = length - at < kBulkChunk ? length - at : kBulkChunk;
-                JavaArray<J>::get(env, values, at, n, chunk);
-                for (jsize k = 0; k < n && !call.kernelFailed(); k++)
-                    VexelListAssign(kv, list, int64_t(at) + k + 1, make(kv, chunk[k]));
-            }
-            return call.pending() ? nullptr : call.peer(list, ambrix::kList);
+            return ambrix::newListOf(call, length, [&](jsize i) {
+                jsize k = i % kBulkChunk;
+                if (k == 0) JavaArray<J>::get(env, values, i, length - i < kBulkChunk ? length - i : kBulkChunk, chunk);
+                return make(call.kv(), chunk[k]);
+            });
         });
     });
 }
@@ -111,7 +107,8 @@ JNIEXPORT jobject JNICALL Java_com_quorbit_ambrix_Conversions_numbersOf(JNIEnv *
         if (call.pending()) return nullptr;
         auto n = static_cast<jsize>(length);
         if (isLong(kv, first)) return numbersOf<jlong>(call, select, n, isLong, VexelToInteger64);
-        if (!call.pending() && isFraction(kv, first)) return numbersOf<jdouble>(call, select, n, isFraction, VexelToFloat64);
+        if (!call.pending() && isFraction(kv, first))
+            return numbersOf<jdouble>(call, select, n, isFraction, VexelToFloat64);
         return nullptr;
     });
 }

@@ -14,8 +14,6 @@ struct HelpCallBackData {
     CallBackFrontEnd *frontEnd;
     jobject helpCallBacks;
     jobject data;
-    jmethodID writeChar;
-    jmethodID writeAttrib;
 };
 
 const char *attributeField(int attribute) {
@@ -43,7 +41,8 @@ int WriteCharCallBack(void *data, int c) {
     auto *help = static_cast<HelpCallBackData *>(data);
     JNIEnv *env = javaEnv(help);
     if (env == nullptr) return 1;
-    return answer(env, env->CallBooleanMethod(help->helpCallBacks, help->writeChar, help->data, static_cast<jint>(c)));
+    return answer(env, env->CallBooleanMethod(help->helpCallBacks, ambrix::lookups.helpWriteChar, help->data,
+                                              static_cast<jint>(c)));
 }
 
 int WriteAttribCallBack(void *data, int attribute) {
@@ -63,7 +62,7 @@ int WriteAttribCallBack(void *data, int attribute) {
     jint value = id == nullptr ? 0 : env->GetStaticIntField(cls, id);
     env->DeleteLocalRef(cls);
     if (env->ExceptionCheck()) return 1;
-    return answer(env, env->CallBooleanMethod(help->helpCallBacks, help->writeAttrib, help->data, value));
+    return answer(env, env->CallBooleanMethod(help->helpCallBacks, ambrix::lookups.helpWriteAttrib, help->data, value));
 }
 
 // The kernel's keyword for a section, or null with an exception pending.
@@ -74,15 +73,6 @@ const char *sectionKeyword(JNIEnv *env, jint section) {
     return nullptr;
 }
 
-// The two help methods, of the HelpCallBacks interface; false with an
-// exception pending.
-bool helpMethods(JNIEnv *env, HelpCallBackData &help) {
-    if (help.helpCallBacks == nullptr) return ambrix::fail(env, "HelpCallBacks is NULL");
-    help.writeChar = ambrix::lookups.helpWriteChar;
-    help.writeAttrib = ambrix::lookups.helpWriteAttrib;
-    return true;
-}
-
 }  // namespace
 
 extern "C" JNIEXPORT void JNICALL Java_com_quorbit_ambrix_Engine_getHelp(JNIEnv *env, jobject self, jstring topic,
@@ -91,10 +81,10 @@ extern "C" JNIEXPORT void JNICALL Java_com_quorbit_ambrix_Engine_getHelp(JNIEnv 
     ambrix::engineMethod<void>(env, self, [&](Call &call) {
         ambrix::JavaChars chars;
         if (!ambrix::holdChars(env, topic, "Topic is NULL", chars)) return;
-        HelpCallBackData help{call.frontEnd, helpCallBacks, data, nullptr, nullptr};
+        HelpCallBackData help{call.frontEnd, helpCallBacks, data};
         const char *keyword = sectionKeyword(env, section);
         char *message = nullptr;
-        if (keyword != nullptr && helpMethods(env, help)) {
+        if (keyword != nullptr && (helpCallBacks != nullptr || ambrix::fail(env, "HelpCallBacks is NULL"))) {
             message = call.inLock([&]() -> char * {
                 char *topicText = ambrix::kernelCopy(call, chars);
                 return topicText == nullptr ? nullptr

@@ -21,18 +21,18 @@ J selectPrimitive(JNIEnv *env, jobject table, jintArray index) {
                                     [](ambrix::Call &, RTableElement element) { return J(element.*Member); });
 }
 
-template <auto Member, typename J, int32_t Code>
+template <typename J, int32_t Code>
 using Layout = ambrix::PrimitiveLayout<J, Code, 1>;
 
 template <auto Member, typename J, int32_t Code>
 typename ambrix::JavaArray<J>::Array primitivesOf(JNIEnv *env, jobject table) {
-    return ambrix::primitiveToArray<Layout<Member, J, Code>>(
+    return ambrix::primitiveToArray<Layout<J, Code>>(
         env, table, [](const RTableElement &element, J *out) { *out = element.*Member; });
 }
 
 template <auto Member, typename J, int32_t Code>
 void assignPrimitives(JNIEnv *env, jobject table, typename ambrix::JavaArray<J>::Array values) {
-    ambrix::primitiveAssignAll<Layout<Member, J, Code>>(env, table, values, [](const J *in) {
+    ambrix::primitiveAssignAll<Layout<J, Code>>(env, table, values, [](const J *in) {
         RTableElement element{};
         element.*Member = *in;
         return element;
