@@ -4,6 +4,7 @@
 # then on the normal build.
 set -euo pipefail
 root=$(cd "$(dirname "$0")" && pwd)
+"$root/scripts/setup.sh" --tests
 "$root/scripts/build.sh" "$root/build-asan" -DAMBRIX_SANITIZE=ON
 ctest --test-dir "$root/build-asan" --output-on-failure -j2
 "$root/scripts/build.sh" "$root/build"

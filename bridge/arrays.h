@@ -10,9 +10,10 @@
 
 namespace ambrix {
 
-// The handles of a Java array of values, read before the lock: a null array
-// gives "Array is NULL", a null element "Argument is NULL", a disposed one
-// the usual message. The block is the caller's to free (null for none).
+// The handles of a Java array of values, read inside the lock pass that hands
+// them to the kernel: a null array gives "Array is NULL" (or no values at
+// all, where null means none), a null element "Argument is NULL", a disposed
+// one the usual message. The block is freed with the reader.
 struct Handles {
     ALGEB *handles = nullptr;
     jsize length = 0;
@@ -22,8 +23,8 @@ struct Handles {
     Handles &operator=(const Handles &) = delete;
     ~Handles() { free(handles); }
 
-    bool read(JNIEnv *env, jobjectArray values) {
-        if (values == nullptr) return fail(env, "Array is NULL");
+    bool read(JNIEnv *env, jobjectArray values, bool nullIsEmpty = false) {
+        if (values == nullptr) return nullIsEmpty || fail(env, "Array is NULL");
         length = env->GetArrayLength(values);
         handles = static_cast<ALGEB *>(malloc(sizeof(ALGEB) * (length > 0 ? static_cast<size_t>(length) : 1)));
         if (handles == nullptr) return fail(env, "Out of Memory");

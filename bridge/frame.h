@@ -1,10 +1,30 @@
-// The frame every native method follows, written once: read the receiver's
-// handles, check the arguments with the method's own messages, call the
-// kernel inside lock brackets, and return the zero result whenever a Java
-// exception is pending. A native states only its own steps and messages.
+// The frames every native method follows, written once. A native states
+// only its own steps and messages.
+//
+// The engine frame (engineMethod), for Engine's natives:
+//   1. without the lock: the engine's record from its `kernelID`; none gives
+//      "Engine is null, it may have been stopped.";
+//   2. the native's own steps, each kernel step in a lock pass (below).
+// The value frame (valueMethod, valueOp; element access in rtable/):
+//   1. without the lock: the receiver's `dag`, then each argument's `dag`,
+//      then the receiver's `kernelID`, each failing with the method's own
+//      message (a zero handle: "this Algebraic has been disposed");
+//   2. the native's own steps, each kernel step in a lock pass.
+// A lock pass (Call::locked, inLock, lastPass):
+//   1. takes the kernel lock;
+//   2. with the lock held: if any wrapper lost its handle since step 1 of the
+//      frame (a restart, a stop, or a mark pass that disposed withdrawn
+//      wrappers), reads every handle of step 1 again, with the same messages;
+//      so the kernel is never handed a handle read before the lock that the
+//      lock would have shown gone;
+//   3. with the lock held: the step's kernel calls, and the wrapping of every
+//      value that goes back to Java;
+//   4. releases the lock, keeping a pending exception.
+// Whatever a native makes is dropped when an exception is pending at its end.
+// Handles in Java arrays are read inside the pass that uses them.
 //
 // Natives are never unwound by the kernel (its errors stop at the kernel
-// operation), so the frame may use lambdas freely.
+// operation), so the frames may use lambdas freely.
 #ifndef AMBRIX_FRAME_H
 #define AMBRIX_FRAME_H
 
@@ -23,8 +43,12 @@ namespace ambrix {
 CallBackFrontEnd *frontEndOf(JNIEnv *env, jobject object, bool engine);
 
 // A new Java object of the peer class for a kernel value, registered in the
-// live store; null for a null handle or with an exception pending.
-jobject newPeer(JNIEnv *env, ALGEB handle, CallBackFrontEnd *frontEnd, Peer peer);
+// live store; null for a null handle or with an exception pending (which
+// the caller may have `checked` already).
+jobject newPeer(JNIEnv *env, ALGEB handle, CallBackFrontEnd *frontEnd, Peer peer, bool checked = false);
+
+// newAlgebraic, for a caller that has `checked` for a pending exception.
+jobject wrapValue(JNIEnv *env, ALGEB handle, CallBackFrontEnd *frontEnd, bool checked);
 
 // Counts the entries through which a kernel call reaches Java: the callback
 // entry points, the help callbacks and the collector's passes. Only they can
@@ -36,6 +60,17 @@ extern std::atomic<uint64_t> javaEntries;
 inline void noteJavaEntry() {
     javaEntries.store(javaEntries.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
 }
+
+// Counts the changes that take handles from wrappers: restarts, stops, and
+// mark passes that dispose withdrawn wrappers. Changed only under the kernel
+// lock; a frame notes it before reading handles and compares it after
+// taking the lock.
+extern std::atomic<uint64_t> handleGeneration;
+
+inline uint64_t currentGeneration() { return handleGeneration.load(std::memory_order_acquire); }
+
+// Under the lock, after wrappers lost their handles.
+inline void handlesChanged() { handleGeneration.fetch_add(1, std::memory_order_release); }
 
 // Takes the kernel lock; false with an exception pending when it was not
 // taken (EnterKernel, with an answer).
@@ -61,6 +96,12 @@ struct Arg {
     const char *message;
 };
 
+// The own-handle and missing-engine messages of a value method.
+struct Messages {
+    const char *self;
+    const char *frontEnd;
+};
+
 // What a native's steps work with.
 struct Call {
     JNIEnv *env;
@@ -68,6 +109,16 @@ struct Call {
     ALGEB self = nullptr;     // the receiver's handle (value methods)
     ALGEB args[3] = {};       // the handles of the Arg list, in order
     uint64_t entries = 0;     // javaEntries when last seen with nothing pending
+
+    // What the frame read before the lock, to read again under it.
+    uint64_t generation;      // handleGeneration before the first read
+    jobject receiver = nullptr;
+    bool engine = false;      // the receiver is an Engine, not a value
+    Messages messages{};
+    Arg argObjects[3] = {};
+    int argCount = 0;
+
+    explicit Call(JNIEnv *e) : env(e), generation(currentGeneration()) {}
 
     KernelVector kv() const { return frontEnd->kernelVector; }
 
@@ -85,9 +136,18 @@ struct Call {
         return false;
     }
 
-    // Takes the lock and starts counting the kernel's entries into Java.
+    // Reads the frame's handles again, under the lock; false with an
+    // exception pending when one is gone.
+    bool readAgain();
+
+    // Takes the lock, makes sure the frame's handles are still the
+    // wrappers' own, and starts counting the kernel's entries into Java.
     bool enter() {
         if (!enterKernel(env, frontEnd)) return false;
+        if (currentGeneration() != generation && !readAgain()) {
+            LeaveKernel(frontEnd);
+            return false;
+        }
         entries = javaEntries.load(std::memory_order_relaxed);
         return true;
     }
@@ -118,11 +178,16 @@ struct Call {
     }
 
     // The kernel's value as a Java object of the class its kind selects;
-    // only under the lock, since it asks the kernel.
-    jobject wrap(ALGEB value) const { return newAlgebraic(env, value, frontEnd); }
+    // only under the lock, since it asks the kernel. Null when the kernel
+    // call that made the value failed.
+    jobject wrap(ALGEB value) {
+        return kernelFailed() ? nullptr : wrapValue(env, value, frontEnd, true);
+    }
 
     // A Java object of a fixed class; needs no lock.
-    jobject peer(ALGEB value, Peer peerClass) const { return newPeer(env, value, frontEnd, peerClass); }
+    jobject peer(ALGEB value, Peer peerClass) {
+        return kernelFailed() ? nullptr : newPeer(env, value, frontEnd, peerClass, true);
+    }
 
     bool readFrontEnd(jobject object, bool engine, const char *message) {
         frontEnd = frontEndOf(env, object, engine);
@@ -148,26 +213,27 @@ R finish(Call &call, Steps &&steps) {
 }
 
 // The frame of an Engine method: the engine's record, then the steps.
+constexpr const char *kNoEngine = "Engine is null, it may have been stopped.";
+
 template <typename R, typename Steps>
 R engineMethod(JNIEnv *env, jobject engine, Steps &&steps) {
     Call call{env};
-    if (!call.readFrontEnd(engine, true, "Engine is null, it may have been stopped.")) return zeroResult<R>();
+    call.receiver = engine;
+    call.engine = true;
+    if (!call.readFrontEnd(engine, true, kNoEngine)) return zeroResult<R>();
     return finish<R>(call, steps);
 }
-
-// The own-handle and missing-engine messages of a value method.
-struct Messages {
-    const char *self;
-    const char *frontEnd;
-};
 
 // The value-method frame: the receiver's handle, each argument's handle,
 // the engine's record, then the steps.
 inline bool prepareValue(Call &call, jobject self, Messages messages, std::initializer_list<Arg> args) {
+    call.receiver = self;
+    call.messages = messages;
     if (!readDag(call.env, self, messages.self, call.self)) return false;
-    int i = 0;
-    for (const Arg &arg : args)
-        if (!readDag(call.env, arg.object, arg.message, call.args[i++])) return false;
+    for (const Arg &arg : args) {
+        call.argObjects[call.argCount] = arg;
+        if (!readDag(call.env, arg.object, arg.message, call.args[call.argCount++])) return false;
+    }
     return call.readFrontEnd(self, false, messages.frontEnd);
 }
 

@@ -1,7 +1,10 @@
 // The Java-side contract: the handle fields `dag` and `kernelID`, and the
 // one exception class through which every failure reaches Java.
+#include <cstdio>
+
 #include "frame.h"
 #include "lookups.h"
+#include "text.h"
 
 namespace {
 
@@ -33,6 +36,14 @@ CallBackFrontEnd *readFrontEnd(JNIEnv *env, jobject object, jfieldID field) {
 }  // namespace
 
 namespace ambrix {
+
+bool refuseText(JNIEnv *env, const jchar *chars, jsize at) {
+    char message[128];
+    snprintf(message, sizeof message,
+             "text for the kernel holds U+%04X at position %d; only U+0001 to U+00FF can be sent",
+             static_cast<unsigned>(chars[at]), static_cast<int>(at));
+    return fail(env, message);
+}
 
 CallBackFrontEnd *frontEndOf(JNIEnv *env, jobject object, bool engine) {
     if (object == nullptr) return nullptr;

@@ -2,11 +2,25 @@
 // records the calling thread's JNIEnv in the front end, where the kernel's
 // callbacks find Java.
 #include "frame.h"
-#include "interrupt.h"
+#include "record.h"
 
 namespace ambrix {
 
 std::atomic<uint64_t> javaEntries{0};
+std::atomic<uint64_t> handleGeneration{0};
+
+bool Call::readAgain() {
+    generation = currentGeneration();
+    if (engine) {
+        // A stop zeroes the engine's kernelID under the lock.
+        CallBackFrontEnd *now = frontEndOf(env, receiver, true);
+        return now == frontEnd || fail(env, kNoEngine);
+    }
+    if (receiver != nullptr && !readDag(env, receiver, messages.self, self)) return false;
+    for (int i = 0; i < argCount; i++)
+        if (!readDag(env, argObjects[i].object, argObjects[i].message, args[i])) return false;
+    return true;
+}
 
 bool enterKernel(JNIEnv *env, CallBackFrontEnd *frontEnd) {
     // The record holds one env and no nesting count: a Java callback that

@@ -139,10 +139,6 @@ bool makeLookups(JNIEnv *env, jobject engine, jobject callBacks) {
     Steps s{env};
     s.globalClass("java/util/WeakHashMap", l.weakHashMap, "could not find java.util.WeakHashMap");
     s.method(l.weakHashMap, "<init>", "()V", l.storeInit);
-    s.method(l.weakHashMap, "put", "(Ljava/lang/Object;Ljava/lang/Object;)Ljava/lang/Object;", l.storePut,
-             "could not get put method for java.util.WeakHashMap");
-    s.method(l.weakHashMap, "remove", "(Ljava/lang/Object;)Ljava/lang/Object;", l.storeRemove,
-             "could not get remove method for java.util.WeakHashMap");
     s.globalClass(kPeerNames[kAlgebraic], l.peers[kAlgebraic], "could not find com.quorbit.ambrix.Algebraic");
     for (int p = 0; p < kPeerCount; p++) {
         if (p != kAlgebraic) s.globalClass(kPeerNames[p], l.peers[p]);
@@ -156,7 +152,9 @@ bool makeLookups(JNIEnv *env, jobject engine, jobject callBacks) {
     env->DeleteLocalRef(engineClass);
     s.globalClass("com/quorbit/ambrix/LiveStore", l.liveStore);
     s.staticMethod(l.liveStore, "attach", "(Ljava/util/WeakHashMap;J)V", l.liveAttach);
-    s.staticMethod(l.liveStore, "handles", "(Ljava/util/WeakHashMap;)[J", l.liveHandles);
+    s.staticMethod(l.liveStore, "mark", "(Ljava/util/WeakHashMap;)[J", l.liveMark);
+    s.staticMethod(l.liveStore, "register", "(Lcom/quorbit/ambrix/Algebraic;)I", l.liveRegister);
+    s.staticMethod(l.liveStore, "withdraw", "(Lcom/quorbit/ambrix/Algebraic;)Z", l.liveWithdraw);
     s.staticMethod(l.liveStore, "dispose", "(Ljava/util/WeakHashMap;)V", l.disposeStore);
     s.globalClass("com/quorbit/externalcall/VexelException", l.vexelException);
     s.method(l.vexelException, "getArgCount", "()I", l.vexelArgCount);

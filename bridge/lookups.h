@@ -60,9 +60,10 @@ struct Lookups {
     jmethodID boxValue[kBoxCount];  // booleanValue() and so on; none for String
 
     jclass weakHashMap;
-    jmethodID storeInit, storePut, storeRemove;
+    jmethodID storeInit;
     jclass liveStore;                     // the Java side of the collector's passes
-    jmethodID liveAttach, liveHandles, disposeStore;  // static
+    jmethodID liveAttach, liveMark, disposeStore;  // static
+    jmethodID liveRegister, liveWithdraw;          // static
 
     jint textTags[kTextTagCount];          // the callbacks class's VEXEL_TEXT_* values
     jint helpSections[kHelpSectionCount];  // Engine's VEXEL_HELP_* values

@@ -63,8 +63,8 @@ jobject newByName(JNIEnv *env, ALGEB handle, CallBackFrontEnd *frontEnd, const c
 
 namespace ambrix {
 
-jobject newPeer(JNIEnv *env, ALGEB handle, CallBackFrontEnd *frontEnd, Peer peer) {
-    if (handle == nullptr || env->ExceptionCheck()) return nullptr;
+jobject newPeer(JNIEnv *env, ALGEB handle, CallBackFrontEnd *frontEnd, Peer peer, bool checked) {
+    if (handle == nullptr || (!checked && env->ExceptionCheck())) return nullptr;
     if (!lookupsReady()) return newByName(env, handle, frontEnd, peerClassName(peer));
     return env->NewObject(lookups.peers[peer], lookups.peerInit[peer], reinterpret_cast<jlong>(handle),
                           reinterpret_cast<jlong>(frontEnd));
@@ -75,18 +75,7 @@ jobject newPeer(JNIEnv *env, ALGEB handle, CallBackFrontEnd *frontEnd, Peer peer
 extern "C" {
 
 jobject newAlgebraic(JNIEnv *env, ALGEB handle, CallBackFrontEnd *frontEnd) {
-    if (handle == nullptr || env->ExceptionCheck()) return nullptr;
-    KernelVector kv = frontEnd->kernelVector;
-    for (const KindClass &kind : kKinds) {
-        int holds = kind.test(kv, handle);
-        if (env->ExceptionCheck()) return nullptr;
-        if (holds) return ambrix::newPeer(env, handle, frontEnd, kind.peer);
-    }
-    int isRTable = IsVexelRTable(kv, handle);
-    if (env->ExceptionCheck()) return nullptr;
-    Peer peer = ambrix::kAlgebraic;
-    if (isRTable && !rtableClass(env, kv, handle, peer)) return nullptr;
-    return ambrix::newPeer(env, handle, frontEnd, peer);
+    return ambrix::wrapValue(env, handle, frontEnd, false);
 }
 
 jobject newPeerObject(JNIEnv *env, ALGEB handle, CallBackFrontEnd *frontEnd, const char *className) {
@@ -98,3 +87,28 @@ jobject newPeerObject(JNIEnv *env, ALGEB handle, CallBackFrontEnd *frontEnd, con
 }
 
 }  // extern "C"
+
+namespace ambrix {
+
+jobject wrapValue(JNIEnv *env, ALGEB handle, CallBackFrontEnd *frontEnd, bool checked) {
+    if (handle == nullptr || (!checked && env->ExceptionCheck())) return nullptr;
+    KernelVector kv = frontEnd->kernelVector;
+    // A kind test reports a failure only through a callback into Java: the
+    // VM is asked only when one was entered.
+    uint64_t entries = ambrix::javaEntries.load(std::memory_order_relaxed);
+    auto failed = [&] {
+        return ambrix::javaEntries.load(std::memory_order_relaxed) != entries && env->ExceptionCheck();
+    };
+    for (const KindClass &kind : kKinds) {
+        int holds = kind.test(kv, handle);
+        if (failed()) return nullptr;
+        if (holds) return ambrix::newPeer(env, handle, frontEnd, kind.peer, true);
+    }
+    int isRTable = IsVexelRTable(kv, handle);
+    if (failed()) return nullptr;
+    Peer peer = ambrix::kAlgebraic;
+    if (isRTable && !rtableClass(env, kv, handle, peer)) return nullptr;
+    return ambrix::newPeer(env, handle, frontEnd, peer, true);
+}
+
+}  // namespace ambrix

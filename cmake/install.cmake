@@ -1,6 +1,7 @@
 # Installation: DIR/lib (libambrix.so and the stand-in kernel libvexelc.so),
-# DIR/share/java (ambrix.jar and the shell's jar) and DIR/bin/vexel, the
-# shell's launcher, which finds the rest relative to itself.
+# DIR/share/java (ambrix.jar, the shell's jar and the Jupyter kernel's),
+# DIR/bin/vexel, the shell's launcher, which finds the rest relative to
+# itself, and DIR/share/jupyter/kernels/vexel, the Jupyter kernelspec.
 #
 # cpack -G DEB packages the same under /usr. Its dependencies are Debian
 # package names: the Java runtime and JLine by hand, the libraries' own
@@ -10,8 +11,14 @@
 set_target_properties(ambrix PROPERTIES INSTALL_RPATH "$ORIGIN")
 install(TARGETS ambrix vexelc LIBRARY DESTINATION lib)
 install(FILES ${CMAKE_BINARY_DIR}/java/ambrix.jar ${CMAKE_BINARY_DIR}/java/vexelshell.jar
+              ${CMAKE_BINARY_DIR}/java/vexeljupyter.jar
         DESTINATION share/java)
 install(PROGRAMS ${PROJECT_SOURCE_DIR}/shell/vexel-installed DESTINATION bin RENAME vexel)
+# The Jupyter kernelspec, naming the installed launcher: an installed
+# package appears in Jupyter without further steps.
+install(CODE "execute_process(COMMAND ${PROJECT_SOURCE_DIR}/jupyter/kernelspec.sh
+    \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/share/jupyter/kernels/vexel\"
+    \"\${CMAKE_INSTALL_PREFIX}/bin/vexel\" COMMAND_ERROR_IS_FATAL ANY)")
 
 set(CPACK_PACKAGE_NAME ambrix)
 set(CPACK_PACKAGE_VERSION 0.1.0)
@@ -22,6 +29,7 @@ set(CPACK_PACKAGE_DESCRIPTION
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION math)
-set(CPACK_DEBIAN_PACKAGE_DEPENDS "default-jre-headless (>= 2:1.17) | java17-runtime-headless, libjline3-java")
+set(CPACK_DEBIAN_PACKAGE_DEPENDS
+    "default-jre-headless (>= 2:1.17) | java17-runtime-headless, libjline3-java, libjeromq-java, libgoogle-gson-java")
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 include(CPack)

@@ -21,6 +21,20 @@ void freeArgs(char **argv, jsize argc) {
     free(argv);
 }
 
+// A Java string as 8-bit text on the C heap, scratch text for the length of
+// one call that the caller frees; null with an exception pending: a null
+// string fails with `nullMessage`, text that cannot cross is refused, and no
+// memory gives an OutOfMemoryError with `noMemory`.
+char *heapText(JNIEnv *env, jstring s, const char *nullMessage, const char *noMemory) {
+    ambrix::JavaChars chars;
+    if (!ambrix::holdChars(env, s, nullMessage, chars)) return nullptr;
+    auto *text = static_cast<char *>(malloc(static_cast<size_t>(chars.length) + 1));
+    if (text != nullptr) ambrix::narrowInto(text, chars.units, chars.length);
+    ambrix::releaseChars(env, chars);
+    if (text == nullptr) ambrix::throwOutOfMemory(env, noMemory);
+    return text;
+}
+
 // The start arguments as 8-bit strings on the C heap; false with an
 // exception pending. A null array counts as empty.
 bool narrowArgs(JNIEnv *env, jobjectArray args, jsize *argc, char ***argv) {
@@ -37,19 +51,10 @@ bool narrowArgs(JNIEnv *env, jobjectArray args, jsize *argc, char ***argv) {
     }
     for (jsize i = 0; i < n; i++) {
         auto arg = static_cast<jstring>(env->GetObjectArrayElement(args, i));
-        if (arg == nullptr) {
-            freeArgs(vector, i);
-            return ambrix::fail(env, "Argument is NULL");
-        }
-        jsize length = env->GetStringLength(arg);
-        const jchar *chars = env->GetStringChars(arg, nullptr);
-        vector[i] = chars == nullptr ? nullptr : static_cast<char *>(malloc(static_cast<size_t>(length) + 1));
-        if (vector[i] != nullptr) ambrix::narrowInto(vector[i], chars, length);
-        if (chars != nullptr) env->ReleaseStringChars(arg, chars);
+        vector[i] = heapText(env, arg, "Argument is NULL", "Failed to allocate CallBackVector");
         env->DeleteLocalRef(arg);
         if (vector[i] == nullptr) {
             freeArgs(vector, i);
-            ambrix::throwOutOfMemory(env, "Failed to allocate CallBackVector");
             return false;
         }
     }
@@ -84,6 +89,24 @@ jobject stringFactory(JNIEnv *env, jobject engine, jstring s, ambrix::Peer peer,
     });
 }
 
+// A start that failed after the kernel came up: stops the kernel and frees
+// the record and the vector, keeping the exception for the caller. No second
+// engine may be started all the same.
+void abandonStart(JNIEnv *env, CallBackFrontEnd *frontEnd, CallBackVector *vector) {
+    jthrowable failure = env->ExceptionOccurred();
+    env->ExceptionClear();
+    StopVexel(frontEnd->kernelVector);
+    if (env->ExceptionCheck()) env->ExceptionClear();
+    if (frontEnd->liveAlgebStore != nullptr) env->DeleteGlobalRef(frontEnd->liveAlgebStore);
+    frontEnd->liveAlgebStore = nullptr;
+    DeleteCallBackFrontEnd(frontEnd);
+    free(vector);
+    if (failure != nullptr) {
+        env->Throw(failure);
+        env->DeleteLocalRef(failure);
+    }
+}
+
 }  // namespace
 
 namespace ambrix {
@@ -93,16 +116,20 @@ bool holdChars(JNIEnv *env, jstring s, const char *nullMessage, JavaChars &chars
     chars.string = s;
     chars.length = env->GetStringLength(s);
     chars.units = env->GetStringChars(s, nullptr);
-    return chars.units != nullptr;
+    if (chars.units == nullptr) return false;
+    jsize at = unsendable(chars.units, chars.length);
+    if (at < 0) return true;
+    refuseText(env, chars.units, at);
+    releaseChars(env, chars);
+    return false;
 }
 
 void releaseChars(JNIEnv *env, JavaChars &chars) { env->ReleaseStringChars(chars.string, chars.units); }
 
 char *kernelCopy(Call &call, const JavaChars &chars) {
-    auto *text = static_cast<char *>(VexelAlloc(call.kv(), static_cast<size_t>(chars.length) + 1));
+    char *text = kernelText(call.kv(), chars.units, chars.length);
     if (call.pending()) return nullptr;
     if (text == nullptr) return throwOutOfMemory(call.env, "Failed to allocate CallBackVector"), nullptr;
-    narrowInto(text, chars.units, chars.length);
     return text;
 }
 
@@ -143,20 +170,14 @@ JNIEXPORT jlong JNICALL Java_com_quorbit_ambrix_Engine_getKernel(JNIEnv *env, jo
     }
     frontEnd->kernelVector = kv;
     frontEnd->liveAlgebStore = createLiveAlgebStore(env);
-    if (frontEnd->liveAlgebStore == nullptr) {
-        // Without a store there is no lock and no engine: stop the kernel,
-        // keeping the exception for the caller.
-        jthrowable failure = env->ExceptionOccurred();
-        env->ExceptionClear();
-        StopVexel(kv);
-        if (env->ExceptionCheck()) env->ExceptionClear();
-        if (failure != nullptr) env->Throw(failure);
+    // From here on, new wrappers register themselves in the store from Java.
+    if (frontEnd->liveAlgebStore != nullptr)
+        env->CallStaticVoidMethod(ambrix::lookups.liveStore, ambrix::lookups.liveAttach, frontEnd->liveAlgebStore,
+                                  reinterpret_cast<jlong>(frontEnd));
+    if (frontEnd->liveAlgebStore == nullptr || env->ExceptionCheck()) {
+        abandonStart(env, frontEnd, vector);
         return 0;
     }
-    // From here on, new wrappers register themselves in the store from Java.
-    env->CallStaticVoidMethod(ambrix::lookups.liveStore, ambrix::lookups.liveAttach, frontEnd->liveAlgebStore,
-                              reinterpret_cast<jlong>(frontEnd));
-    if (env->ExceptionCheck()) return 0;
     makeVexelPointer(frontEnd);
     RegisterRestartCallBack(kv, restartCallBack);
     // From here on env names the thread inside the kernel, and no thread is.
@@ -175,6 +196,7 @@ JNIEXPORT void JNICALL Java_com_quorbit_ambrix_Engine_stop(JNIEnv *env, jobject 
         call.locked([&] {
             StopVexel(call.kv());
             zeroCallBackFrontEnd(env, self);
+            ambrix::handlesChanged();
         });
     });
 }
@@ -183,12 +205,8 @@ void restartCallBack(void *data) { makeVexelPointer(static_cast<CallBackFrontEnd
 
 JNIEXPORT jobject JNICALL Java_com_quorbit_ambrix_Engine_evaluate(JNIEnv *env, jobject self, jstring statement) {
     return ambrix::engineMethod<jobject>(env, self, [&](Call &call) -> jobject {
-        ambrix::JavaChars chars;
-        if (!ambrix::holdChars(env, statement, "Statement is NULL", chars)) return nullptr;
-        auto *text = static_cast<char *>(malloc(static_cast<size_t>(chars.length) + 1));
-        if (text != nullptr) ambrix::narrowInto(text, chars.units, chars.length);
-        ambrix::releaseChars(env, chars);
-        if (text == nullptr) return ambrix::throwOutOfMemory(env, "Failed to allocate statement"), nullptr;
+        char *text = heapText(env, statement, "Statement is NULL", "Failed to allocate statement");
+        if (text == nullptr) return nullptr;
         jobject result = call.inLock([&] { return call.wrap(EvalVexelStatement(call.kv(), text)); });
         free(text);
         return result;
@@ -213,8 +231,8 @@ JNIEXPORT jobject JNICALL Java_com_quorbit_ambrix_Engine_newList(JNIEnv *env, jo
 JNIEXPORT jobject JNICALL Java_com_quorbit_ambrix_Engine_newListOf(JNIEnv *env, jobject self, jobjectArray elements) {
     return ambrix::engineMethod<jobject>(env, self, [&](Call &call) -> jobject {
         ambrix::Handles values;
-        if (!values.read(env, elements)) return nullptr;
-        return call.inLock([&] {
+        return call.inLock([&]() -> jobject {
+            if (!values.read(env, elements)) return nullptr;
             return ambrix::newListOf(call, values.length, [&](jsize i) { return values.handles[i]; });
         });
     });

@@ -13,7 +13,7 @@
 #include <cstring>
 
 #include "frame.h"
-#include "interrupt.h"
+#include "record.h"
 #include "text.h"
 
 namespace {
@@ -41,15 +41,16 @@ void drop(JNIEnv *env, Refs... refs) {
 jstring toJava(JNIEnv *env, const char *text) { return ambrix::newJavaString(env, text == nullptr ? "" : text); }
 
 // A callback's answer as kernel text; a null or empty answer gives the
-// constant empty text, and null means the kernel gave no memory.
-char *fromJava(JNIEnv *env, KernelVector kv, jstring answer) {
+// constant empty text, and null means the kernel gave no memory. An answer
+// that cannot cross exactly sets *refused and gives the empty text.
+char *fromJava(JNIEnv *env, KernelVector kv, jstring answer, bool *refused) {
     if (answer == nullptr) return kEmptyText;
     jsize n = env->GetStringLength(answer);
     if (n == 0) return kEmptyText;
     const jchar *chars = env->GetStringChars(answer, nullptr);
     if (chars == nullptr) return kEmptyText;
-    auto *text = static_cast<char *>(VexelAlloc(kv, static_cast<size_t>(n) + 1));
-    if (text != nullptr) ambrix::narrowInto(text, chars, n);
+    *refused = ambrix::unsendable(chars, n) >= 0;
+    char *text = *refused ? kEmptyText : ambrix::kernelText(kv, chars, n);
     env->ReleaseStringChars(answer, chars);
     return text;
 }
@@ -72,9 +73,14 @@ CallBackFrontEnd *record(void *data) { return static_cast<CallBackFrontEnd *>(da
 // answer's local reference.
 char *answerText(JNIEnv *env, CallBackFrontEnd *fe, jstring answer) {
     if (raised(env, fe)) return kEmptyText;  // the method threw: there is no answer
-    char *text = fromJava(env, fe->kernelVector, answer);
+    bool refused = false;
+    char *text = fromJava(env, fe->kernelVector, answer, &refused);
     drop(env, answer);
     if (raised(env, fe)) return kEmptyText;
+    if (refused) {
+        VexelRaiseError(fe->kernelVector, ambrix::kOutOfRange);
+        return kEmptyText;
+    }
     if (text == nullptr) {
         VexelRaiseError(fe->kernelVector, "could not allocate the answer of a callback");
         return kEmptyText;

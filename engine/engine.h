@@ -16,7 +16,8 @@ struct JavaChars {
     jsize length;
 };
 
-// False with an exception pending; a null string fails with `nullMessage`.
+// False with an exception pending; a null string fails with `nullMessage`,
+// and text that cannot cross to the kernel exactly is refused (text.h).
 bool holdChars(JNIEnv *env, jstring s, const char *nullMessage, JavaChars &chars);
 void releaseChars(JNIEnv *env, JavaChars &chars);
 

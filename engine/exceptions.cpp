@@ -28,6 +28,8 @@ struct Held {
     int count;
     jstring string;       // a string whose characters are held
     const jchar *chars;
+    jstring extraString;  // an argument's string whose characters are held
+    const jchar *extraChars;
 };
 
 void keep(Held &held, jobject ref) {
@@ -38,6 +40,8 @@ void giveBack(Held &held) {
     JNIEnv *env = held.env;
     if (held.chars != nullptr) env->ReleaseStringChars(held.string, held.chars);
     held.chars = nullptr;
+    if (held.extraChars != nullptr) env->ReleaseStringChars(held.extraString, held.extraChars);
+    held.extraChars = nullptr;
     for (int i = 0; i < held.count; i++) env->DeleteLocalRef(held.refs[i]);
     held.count = 0;
 }
@@ -59,13 +63,15 @@ int raise(Held &held, const char *message, int nargs = 0, ALGEB arg1 = nullptr, 
 // A guarded step failed when it left an exception or gave nothing.
 bool failedStep(JNIEnv *env, const void *result) { return env->ExceptionCheck() || result == nullptr; }
 
-// Copies a Java string into kernel text, each code unit cut to its low 8
-// bits; null when the kernel gives no memory.
-char *kernelCopy(JNIEnv *env, KernelVector kv, jstring s, const jchar *chars) {
-    jsize n = env->GetStringLength(s);
-    auto *text = static_cast<char *>(VexelAlloc(kv, static_cast<size_t>(n) + 1));
-    if (text != nullptr) ambrix::narrowInto(text, chars, n);
-    return text;
+// Copies a Java string into kernel text; null when the kernel gives no
+// memory. Text that cannot cross exactly raises "character is out of range".
+char *kernelCopy(Held &held, jstring s, const jchar *chars) {
+    jsize n = held.env->GetStringLength(s);
+    if (ambrix::unsendable(chars, n) >= 0) {
+        raise(held, ambrix::kOutOfRange);
+        return nullptr;
+    }
+    return ambrix::kernelText(held.kv, chars, n);
 }
 
 // Tried in the order of ambrix::Box; the first class the argument is an
@@ -85,7 +91,9 @@ ALGEB unbox(JNIEnv *env, KernelVector kv, jobject arg, jmethodID method, ambrix:
         }
         case ambrix::kCharacter: {
             jchar c = env->CallCharMethod(arg, method);
-            return env->ExceptionCheck() ? nullptr : ToVexelChar(kv, c & 0xFF);
+            if (env->ExceptionCheck()) return nullptr;
+            if (c == 0 || c > 0xFF) return nullptr;
+            return ToVexelChar(kv, static_cast<int>(c));
         }
         case ambrix::kDouble: {
             jdouble d = env->CallDoubleMethod(arg, method);
@@ -118,15 +126,23 @@ int convertArg(Held &held, jobject arg, ALGEB *slot) {
     for (int b = 0; b < ambrix::kBoxCount; b++) {
         if (!env->IsInstanceOf(arg, lookups.boxes[b])) continue;
         if (b == ambrix::kString) {
+            // The argument's characters are held until the copy, which may
+            // raise: `held` gives them back first.
             jstring s = static_cast<jstring>(arg);
             const jchar *chars = env->GetStringChars(s, nullptr);
-            char *text = chars == nullptr ? nullptr : kernelCopy(env, kv, s, chars);
-            if (chars != nullptr) env->ReleaseStringChars(s, chars);
+            if (chars == nullptr) return raise(held, kBoxFailures[ambrix::kCharacter]);
+            held.extraString = s;
+            held.extraChars = chars;
+            char *text = kernelCopy(held, s, chars);
+            env->ReleaseStringChars(s, chars);
+            held.extraChars = nullptr;
             *slot = ToVexelString(kv, text != nullptr ? text : "");
             return 0;
         }
         *slot = unbox(env, kv, arg, lookups.boxValue[b], ambrix::Box(b));
         if (env->ExceptionCheck()) return raise(held, kBoxFailures[b]);
+        // A character that cannot cross as one byte: unbox made nothing.
+        if (b == ambrix::kCharacter && *slot == nullptr) return raise(held, ambrix::kOutOfRange);
         return 0;
     }
     return 0;
@@ -175,20 +191,14 @@ int raiseVexelException(Held &held, jthrowable exc) {
             if (raised) return raised;
         }
     }
-    jsize length = env->GetStringLength(message);
-    auto *text = static_cast<char *>(VexelAlloc(held.kv, static_cast<size_t>(length) + 1));
+    char *text = kernelCopy(held, message, chars);
     if (text == nullptr) return raise(held, "Could not convert exception to string");
-    for (jsize k = 0; k < length; k++) {
-        if (chars[k] > 0xFF) return raise(held, "character is out of range");
-        text[k] = static_cast<char>(chars[k]);
-    }
-    text[length] = '\0';
     return raise(held, text, n == 1 || n == 2 ? n : 0, slots[0], slots[1]);
 }
 
 int raiseOtherException(Held &held, jthrowable exc) {
     if (int raised = holdText(held, exc, kOtherText)) return raised;
-    char *text = kernelCopy(held.env, held.kv, held.string, held.chars);
+    char *text = kernelCopy(held, held.string, held.chars);
     return raise(held, text != nullptr ? text : kOtherText.noChars);
 }
 
@@ -200,7 +210,7 @@ int HandleException(JNIEnv *env, KernelVector kv) {
     jthrowable exc = env->ExceptionOccurred();
     if (exc == nullptr) return 0;
     env->ExceptionClear();
-    Held held{env, kv, {}, 0, nullptr, nullptr};
+    Held held{env, kv, {}, 0, nullptr, nullptr, nullptr, nullptr};
     keep(held, exc);
     jboolean isVexel = env->IsInstanceOf(exc, lookups.vexelException);
     if (env->ExceptionCheck()) return raise(held, "Error in IsInstanceOf");

@@ -3,7 +3,7 @@
 #include <cstdlib>
 
 #include "bridge.h"
-#include "interrupt.h"
+#include "record.h"
 #include "text.h"
 
 namespace {

@@ -203,19 +203,20 @@ jobjectArray valuesToArray(JNIEnv *env, jobject table, Take &&take, Wrap &&wrap)
     });
 }
 
-// A whole table of kernel values from an Algebraic[]: the handles are read
-// before the lock; in the pass `make(call, handle)` builds every element
-// first, so that a value the kernel refuses stops the call before anything
-// is written, then the elements are assigned in order.
+// A whole table of kernel values from an Algebraic[]: in one pass the
+// handles are read, then `make(call, handle)` builds every element, so that
+// a value the kernel refuses stops the call before anything is written, then
+// the elements are assigned in order.
 template <typename Make>
 void valuesAssignAll(JNIEnv *env, jobject table, jobjectArray values, Make &&make) {
     valueMethod<void>(env, table, kTableQuery, {}, [&](Call &call) {
         Handles handles;
-        if (!handles.read(env, values)) return;
-        auto *elements =
-            static_cast<RTableElement *>(malloc(sizeof(RTableElement) * static_cast<size_t>(handles.length + 1)));
-        if (elements == nullptr) return (void)fail(env, "Out of Memory");
+        RTableElement *elements = nullptr;
         call.locked([&] {
+            if (!handles.read(env, values)) return;
+            elements =
+                static_cast<RTableElement *>(malloc(sizeof(RTableElement) * static_cast<size_t>(handles.length + 1)));
+            if (elements == nullptr) return (void)fail(env, "Out of Memory");
             jsize length = 0;
             if (!matchingLength(call, values, 1, length)) return;
             for (jsize i = 0; i < length && !call.kernelFailed(); i++) elements[i] = make(call, handles.handles[i]);

@@ -1,7 +1,12 @@
 #!/usr/bin/env bash
-# Installs what building and testing need (Debian packages), when missing.
+# Installs what building needs (Debian packages), when missing; with --tests,
+# also what only the tests need (Jupyter, for the notebook kernel's tests).
 set -euo pipefail
-packages=(g++ cmake make file libgmp-dev libgtest-dev openjdk-17-jdk-headless junit5 libjline3-java dpkg-dev)
+packages=(g++ cmake make file libgmp-dev libgtest-dev openjdk-17-jdk-headless junit5 libjline3-java dpkg-dev
+          libjeromq-java libgoogle-gson-java)
+if [[ ${1-} == --tests ]]; then
+  packages+=(python3-jupyter-kernel-test python3-jupyter-client jupyter-client jupyter-nbconvert python3-nbclient)
+fi
 missing=()
 for p in "${packages[@]}"; do
   dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")

@@ -281,6 +281,8 @@ KernelVector StartVexel(int argc, char *argv[], VexelCallBacks *callbacks, void 
         std::string a = argv[i];
         if (a == "-q") {
             k->quiet = true;
+        } else if (a == "--test-hooks") {
+            k->test_hooks = true;
         } else if (a.rfind("--gcthreshold=", 0) == 0) {
             std::string v = a.substr(14);
             char *end = nullptr;

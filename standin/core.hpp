@@ -154,6 +154,7 @@ struct Kernel {
     State state = State::Starting;
     std::vector<std::string> args;
     bool quiet = false;
+    bool test_hooks = false;  // --test-hooks: crashkernel(), spin(), hogmemory()
     uint64_t gc_threshold = 10000;
     VexelRestartFunc restart_cb = nullptr;
 

@@ -125,6 +125,10 @@ const Page kPages[] = {
      "Makes the _n_-th kernel memory allocation from now fail (1: the next one; 0 cancels). A test hook.",
      "failalloc(1);", "pointer"},
     {"whattype", "whattype(_e_)", "Returns the name of the kind of _e_.", "whattype(1/2);", "nops"},
+    {"knownnames", "knownnames() or knownnames(_prefix_)",
+     "Returns the names the kernel knows, its built-ins and the names assigned so far, that start with the string "
+     "_prefix_, as a sorted list of strings: what a front end offers to complete a name.",
+     "knownnames(\"pr\");", "whattype"},
     {"attribute-test", "attribute-test",
      "This page carries the attribute code ~2~ once, for tests of an attribute that the embedder does not know.",
      "none", "print"},

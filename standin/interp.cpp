@@ -6,12 +6,17 @@
 #include <charconv>
 #include <cmath>
 #include <cstdlib>
+#include <cstring>
+#include <set>
 #include <ctime>
 #include <functional>
 
 namespace vx {
 
 namespace {
+
+bool is_builtin_name(const std::string &s);
+const std::unordered_map<std::string, const struct Builtin *> &process_hooks();
 
 enum class Flow { Normal, Return, Break, Next, Quit };
 
@@ -70,6 +75,9 @@ void set_var(const std::string &s, H value) {
         *v = value;
         return;
     }
+    // Built-in names keep their meaning, as a real kernel's do: no program
+    // can make Array, print or seq mean something else.
+    if (is_builtin_name(s)) fail("attempting to assign to `" + s + "` which is protected");
     H n = global_name(s);
     obj<NameObj>(n).value = value == n ? 0 : value;
 }
@@ -459,6 +467,25 @@ const std::unordered_map<std::string, const Builtin *> &builtins() {
              K->failalloc = n;
              return K->null_val;
          }},
+        {"knownnames", 0, 1,
+         [](const std::vector<H> &a) {
+             // The names a front end may offer to complete: the built-ins and
+             // the names assigned so far, sorted, those that start with the prefix.
+             std::string prefix = a.empty() ? std::string() : string_of(a[0]);
+             std::set<std::string> names;
+             auto starts = [&](const std::string &n) { return n.compare(0, prefix.size(), prefix) == 0; };
+             for (auto &[name, b] : builtins())
+                 if (starts(name)) names.insert(name);
+             if (starts("seq")) names.insert("seq");
+             if (K->test_hooks)
+                 for (auto &[name, b] : process_hooks())
+                     if (starts(name)) names.insert(name);
+             for (auto &[name, h] : K->globals)
+                 if (obj<NameObj>(h).value && starts(name)) names.insert(name);
+             std::vector<H> v;
+             for (auto &n : names) v.push_back(mk_string(n));
+             return mk_list(v);
+         }},
         {"whattype", 1, 1,
          [](const std::vector<H> &a) {
              static const char *const names[] = {"dead",  "integer", "integer", "fraction", "float", "complex",
@@ -474,6 +501,56 @@ const std::unordered_map<std::string, const Builtin *> &builtins() {
     }();
     return byName;
 }
+
+// The process-level hooks, for testing what runs the kernel in a separate
+// process; they exist only in a kernel started with --test-hooks.
+// Not instrumented: a sanitizer build must fault as any other build does,
+// not report the store and exit.
+[[noreturn]] __attribute__((no_sanitize("undefined", "address"))) void crash_kernel() {
+    volatile int *nowhere = nullptr;
+    nowhere[0] = 1;
+    __builtin_trap();
+}
+
+[[noreturn]] void spin_forever() {
+    for (uint64_t n = 0;; ++n) asm volatile("" : : "r"(n) : "memory");
+}
+
+[[noreturn]] void hog_memory() {
+    for (;;) {
+        auto *block = static_cast<char *>(std::malloc(1 << 20));
+        if (block) std::memset(block, 1, 1 << 20);
+        struct timespec pause = {0, 1000000};
+        nanosleep(&pause, nullptr);
+    }
+}
+
+const std::unordered_map<std::string, const Builtin *> &process_hooks() {
+    static const Builtin table[] = {
+        {"crashkernel", 0, 0, [](const std::vector<H> &) -> H { crash_kernel(); }},
+        {"spin", 0, 0, [](const std::vector<H> &) -> H { spin_forever(); }},
+        {"hogmemory", 0, 0, [](const std::vector<H> &) -> H { hog_memory(); }},
+    };
+    static const std::unordered_map<std::string, const Builtin *> byName = [] {
+        std::unordered_map<std::string, const Builtin *> m;
+        for (const Builtin &b : table) m.emplace(b.name, &b);
+        return m;
+    }();
+    return byName;
+}
+
+// The builtin of a name, or null; the hooks only with --test-hooks.
+const Builtin *builtin_of(const std::string &s) {
+    auto &b = builtins();
+    auto it = b.find(s);
+    if (it != b.end()) return it->second;
+    if (!K->test_hooks) return nullptr;
+    auto &h = process_hooks();
+    auto hook = h.find(s);
+    return hook == h.end() ? nullptr : hook->second;
+}
+
+bool is_builtin_name(const std::string &s) { return s == "seq" || builtin_of(s) != nullptr; }
 
 H seq_special(const Node &call) {
     if (call.kids.size() != 3) fail_at("seq expects an expression and a variable = range", call.pos);
@@ -859,11 +936,9 @@ H call_function(H f, const std::vector<H> &args) {
     Kind k = kind_of(f);
     if (k == Kind::Proc) return call_procedure(f, args);
     if (k == Kind::Name && obj<NameObj>(f).global && !obj<NameObj>(f).value) {
-        auto &b = builtins();
-        auto it = b.find(obj<NameObj>(f).name);
-        if (it != b.end()) {
-            want_args(args, it->second->min_args, it->second->max_args, it->second->name);
-            return it->second->run(args);
+        if (const Builtin *b = builtin_of(obj<NameObj>(f).name)) {
+            want_args(args, b->min_args, b->max_args, b->name);
+            return b->run(args);
         }
     }
     std::vector<H> ops{f};

@@ -3,7 +3,6 @@
 // The procedure's handle and the engine come first; the arguments after.
 #include <cstdlib>
 
-#include "text.h"
 #include "values.h"
 
 using ambrix::Call;
@@ -22,25 +21,6 @@ jobject callProcedure(Call &call, Arguments &&arguments) {
     });
 }
 
-// The handles of the array's elements, read before the lock is taken, in a
-// block of the C heap that the caller frees. False with an exception
-// pending; a null or empty array gives no elements and no block.
-bool readHandles(JNIEnv *env, jobjectArray array, ALGEB **handles, jsize *count) {
-    *handles = nullptr;
-    *count = array == nullptr ? 0 : env->GetArrayLength(array);
-    if (*count == 0) return true;
-    *handles = static_cast<ALGEB *>(calloc(static_cast<size_t>(*count), sizeof(ALGEB)));
-    if (*handles == nullptr) return ambrix::throwOutOfMemory(env, "Failed to allocate the arguments"), false;
-    for (jsize i = 0; i < *count; i++) {
-        jobject element = env->GetObjectArrayElement(array, i);
-        if (env->ExceptionCheck()) return false;
-        bool read = ambrix::readDag(env, element, "Argument is NULL", (*handles)[i]);
-        env->DeleteLocalRef(element);
-        if (!read) return false;
-    }
-    return true;
-}
-
 }  // namespace
 
 extern "C" {
@@ -50,31 +30,29 @@ JNIEXPORT jobject JNICALL Java_com_quorbit_ambrix_Procedure_execute__Lcom_quorbi
                                                                                                   jobject self,
                                                                                                   jobject args) {
     return ambrix::valueMethod<jobject>(env, self, kProcedure, {}, [&](Call &call) -> jobject {
-        ALGEB sequence = nullptr;
-        if (args != nullptr && !ambrix::readDag(env, args, "Args is NULL", sequence)) return nullptr;
-        return callProcedure(call, [&](KernelVector kv) { return args == nullptr ? ToVexelNULL(kv) : sequence; });
+        return callProcedure(call, [&](KernelVector kv) -> ALGEB {
+            ALGEB sequence = nullptr;
+            if (args == nullptr) return ToVexelNULL(kv);
+            return ambrix::readDag(env, args, "Args is NULL", sequence) ? sequence : nullptr;
+        });
     });
 }
 
-// Java element i is kernel element i + 1. The sequence is built and used in
-// one bracket, so no collection can take it half-built.
+// Java element i is kernel element i + 1. The handles are read, and the
+// sequence built and used, in one bracket, so no collection or restart can
+// come between.
 JNIEXPORT jobject JNICALL Java_com_quorbit_ambrix_Procedure_execute___3Lcom_quorbit_ambrix_Algebraic_2(
     JNIEnv *env, jobject self, jobjectArray args) {
     return ambrix::valueMethod<jobject>(env, self, kProcedure, {}, [&](Call &call) -> jobject {
-        ALGEB *handles;
-        jsize n;
-        jobject result = nullptr;
-        if (readHandles(env, args, &handles, &n)) {
-            result = callProcedure(call, [&](KernelVector kv) -> ALGEB {
-                if (n == 0) return ToVexelNULL(kv);
-                ALGEB sequence = NewVexelExpressionSequence(kv, n);
-                for (jsize i = 0; i < n && !call.pending(); i++)
-                    VexelExpseqAssign(kv, sequence, static_cast<int64_t>(i) + 1, handles[i]);
-                return sequence;
-            });
-        }
-        free(handles);
-        return result;
+        ambrix::Handles values;
+        return callProcedure(call, [&](KernelVector kv) -> ALGEB {
+            if (!values.read(env, args, true)) return nullptr;
+            if (values.length == 0) return ToVexelNULL(kv);
+            ALGEB sequence = NewVexelExpressionSequence(kv, values.length);
+            for (jsize i = 0; i < values.length && !call.pending(); i++)
+                VexelExpseqAssign(kv, sequence, static_cast<int64_t>(i) + 1, values.handles[i]);
+            return sequence;
+        });
     });
 }
 
@@ -97,7 +75,8 @@ JNIEXPORT jdouble JNICALL Java_com_quorbit_ambrix_Procedure_executehf(JNIEnv *en
             }
             return EvalhfVexelProc(call.kv(), call.self, n, buffer);
         });
-        if (elements != nullptr) env->ReleaseDoubleArrayElements(args, elements, 0);
+        // The doubles were only read: nothing goes back into the Java array.
+        if (elements != nullptr) env->ReleaseDoubleArrayElements(args, elements, JNI_ABORT);
         return result;
     });
 }

@@ -13,7 +13,8 @@ trap 'rm -rf "$work"' EXIT
 
 cmake --install "$build" --prefix "$work/installed" >/dev/null
 mv "$work/installed" "$work/moved"
-for f in lib/libambrix.so lib/libvexelc.so share/java/ambrix.jar share/java/vexelshell.jar bin/vexel; do
+for f in lib/libambrix.so lib/libvexelc.so share/java/ambrix.jar share/java/vexelshell.jar \
+         share/java/vexeljupyter.jar bin/vexel share/jupyter/kernels/vexel/kernel.json; do
   [[ -e $work/moved/$f ]] || { echo "not installed: $f"; exit 1; }
 done
 
@@ -23,9 +24,15 @@ deb=$(echo "$work"/package/*.deb)
 dpkg-deb -x "$deb" "$work/unpacked"
 depends=$(dpkg-deb -f "$deb" Depends)
 echo "Depends: $depends"
-for package in default-jre-headless libgmp10 libjline3-java; do
+for package in default-jre-headless libgmp10 libjline3-java libjeromq-java libgoogle-gson-java; do
   [[ ", $depends" == *", $package"* ]] || { echo "the package does not depend on $package"; exit 1; }
 done
+
+# The kernelspecs name their own launcher: the package's the one under /usr.
+grep -qF '"argv": ["/usr/bin/vexel", "--jupyter-kernel", "{connection_file}"]' \
+  "$work/unpacked/usr/share/jupyter/kernels/vexel/kernel.json" \
+  || { cat "$work/unpacked/usr/share/jupyter/kernels/vexel/kernel.json"; exit 1; }
+grep -qF '"interrupt_mode": "message"' "$work/moved/share/jupyter/kernels/vexel/kernel.json"
 
 "$here/../shell/pipe.sh" "$build" "$work/moved/bin/vexel"
 "$here/../shell/pipe.sh" "$build" "$work/unpacked/usr/bin/vexel"

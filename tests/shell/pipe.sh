@@ -42,4 +42,69 @@ echo '6 * 7;' >&3
 exec 3>&-
 wait "$shell"
 printf '"looping"\nError, computation interrupted\n42\n' | diff -u - "$work/out"
+# Every closing word the kernel accepts ends its block: each statement's
+# output appears while the pipe is still open, before the next is sent.
+mkfifo "$work/in2"
+LD_PRELOAD=$sanitizer_preload "$vexel" -q <"$work/in2" >"$work/out2" 2>&1 &
+shell=$!
+exec 4>"$work/in2"
+n=0
+while IFS='|' read -r statement expected; do
+  printf '%s\n' "$statement" >&4
+  n=$((n + 1))
+  for _ in $(seq 200); do
+    [[ $(wc -l <"$work/out2") -ge $n ]] && break
+    sleep 0.05
+  done
+  got=$(sed -n "${n}p" "$work/out2")
+  [[ $got == "$expected" ]] || { echo "FAILED: '$statement' gave '$got', expected '$expected'"; cat "$work/out2"; exit 1; }
+done <<'STATEMENTS'
+if 1<2 then print(11); fi;|11
+for i to 2 do x := i; od; x;|2
+if 1<2 then print(12) end if;|12
+for i to 3 do y := i end do; y;|3
+f := proc(a) if a > 0 then a else -a fi end proc: f(-4);|4
+g := proc(a) for i to a do od; a end: g(5);|5
+while false do od; 6;|6
+STATEMENTS
+exec 4>&-
+wait "$shell"
+# --isolated: the kernel runs in a worker process; a crash ends only that
+# process, and the next statement is answered by a new kernel.
+printf 'x := 5:\nprint(x);\ncrashkernel();\nx;\n1 + 2;\nerror "bad %%1", 3;\n??print\n' \
+  | LD_PRELOAD=$sanitizer_preload "$vexel" -q --isolated --test-hooks >"$work/out" 2>&1
+printf '5\nkernel process ended: signal 11 (SIGSEGV); a new kernel was started (definitions are lost)\nx\n3\nError, bad 3\nUsage\nprint(e1, e2, ...)\n' \
+  | diff -u - <(grep -v '^#' "$work/out")
+
+# --isolated and Ctrl-C: one interrupts a loop; two within the grace time
+# kill a kernel that does not listen, and a new one answers.
+mkfifo "$work/in3"
+LD_PRELOAD=$sanitizer_preload env --default-signal=INT "$vexel" -q --isolated --test-hooks <"$work/in3" \
+  >"$work/out3" 2>&1 &
+shell=$!
+exec 5>"$work/in3"
+wait_for() {
+  for _ in $(seq 200); do
+    grep -q "$1" "$work/out3" && return 0
+    sleep 0.05
+  done
+  echo "FAILED: no '$1' in:"; cat "$work/out3"; exit 1
+}
+echo 'print("started"); for i to 10^9 do end do;' >&5
+wait_for started
+sleep 0.2
+kill -INT "$shell"
+wait_for "computation interrupted"
+echo 'print("spinning"); spin();' >&5
+wait_for spinning
+sleep 0.2
+kill -INT "$shell"
+sleep 0.1
+kill -INT "$shell"
+wait_for "killed on request"
+echo '6 * 7;' >&5
+exec 5>&-
+wait "$shell"
+printf '"started"\nError, computation interrupted\n"spinning"\nkernel process ended: killed on request; a new kernel was started (definitions are lost)\n42\n' \
+  | diff -u - <(grep -v '^#' "$work/out3")
 echo "ok: $vexel"

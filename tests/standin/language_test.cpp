@@ -3,6 +3,7 @@
 
 #include <cmath>
 #include <cstring>
+#include <csignal>
 
 using namespace standin_test;
 
@@ -264,6 +265,58 @@ TEST_F(Language, ProceduresThroughTheInterface) {
     EXPECT_NE(last_error().find("never filled"), std::string::npos);
     EXPECT_EQ(EvalhfVexelProc(kv, eval("proc() x end proc:"), 0, nullptr), 0.0);
     EXPECT_NE(last_error().find("hardware floats"), std::string::npos);
+}
+
+}  // namespace
+
+namespace {
+
+// Built-in names mean what they mean: assigning to one is an error, a local
+// of that name is the procedure's own.
+TEST_F(Language, BuiltInNamesAreProtected) {
+    for (const char *name : {"Array", "print", "seq", "gc"}) {
+        EXPECT_ONE_ERROR(*this, std::string("attempting to assign to `") + name + "` which is protected",
+                         eval(std::string(name) + " := 3:"));
+        EXPECT_ONE_ERROR(*this, "which is protected", eval(std::string(name) + "[1] := 3:"));
+    }
+    EXPECT_EQ(printed("proc() local print; print := 3; print end proc()"), "3");
+}
+
+// Without --test-hooks the process hooks are ordinary names.
+TEST_F(Language, ProcessHooksNeedTheirOption) {
+    EXPECT_EQ(printed("spin()"), "spin()");
+    EXPECT_EQ(printed("crashkernel()"), "crashkernel()");
+    eval("hogmemory := 5:");
+    EXPECT_EQ(printed("hogmemory"), "5");
+    EXPECT_EQ(error_count(), 0u);
+}
+
+using ProcessHooks = KernelTest;
+
+TEST_F(ProcessHooks, CrashKernelIsARealSegmentationFault) {
+    stop();
+    start({"-q", "--test-hooks"});
+#ifdef __SANITIZE_ADDRESS__
+    // The sanitizer reports the fault itself and exits.
+    EXPECT_EXIT(eval("crashkernel();"), ::testing::ExitedWithCode(1), "SEGV");
+#else
+    EXPECT_EXIT(eval("crashkernel();"), ::testing::KilledBySignal(SIGSEGV), "");
+#endif
+    EXPECT_ONE_ERROR(*this, "which is protected", eval("spin := 3:"));
+}
+
+}  // namespace
+
+namespace {
+
+// What a front end completes from: the built-ins and the assigned names
+// that start with a prefix, sorted.
+TEST_F(Language, KnownNamesAreBuiltInsAndAssignedNames) {
+    eval("myvalue := 3: mystery := 4: myunassigned:");
+    EXPECT_EQ(printed("knownnames(\"my\")"), "[\"mystery\", \"myvalue\"]");
+    EXPECT_EQ(printed("knownnames(\"pri\")"), "[\"print\"]");
+    EXPECT_EQ(printed("knownnames(\"zz\")"), "[]");
+    EXPECT_EQ(printed("knownnames(\"spi\")"), "[]");  // a hook only with --test-hooks
 }
 
 }  // namespace

@@ -168,23 +168,25 @@ public class Algebraic {
      * Registers this object in the engine's live store, so that the kernel
      * keeps its value alive for as long as Java can reach the object. Every
      * object is registered when it is made; this undoes
-     * {@link #removeFromLiveAlgebStore()}. Registering twice is harmless.
-     * It does not enter the kernel.
+     * {@link #removeFromLiveAlgebStore()} as long as no kernel collection has
+     * run since. Registering twice is harmless. It does not enter the kernel.
      *
-     * @throws com.quorbit.externalcall.VexelException "Engine is void" when
-     *         the object has no engine
+     * @throws com.quorbit.externalcall.VexelException "this Algebraic has been
+     *         disposed" when the object no longer holds a value (after a
+     *         restart, or a collection that followed its removal); "Engine is
+     *         void" when the object has no engine
      */
     public native void addToLiveAlgebStore();
 
     /**
      * Releases the value early: withdraws this object from the engine's live
      * store, so that the kernel no longer keeps its value alive on this
-     * object's behalf. The kernel may then reclaim the value at its next
-     * collection (unless something else in the kernel, such as an assigned
-     * name, still holds it); once it has, every use of this object reports
-     * the kernel's error for a stale value ("invalid or reclaimed value" from
-     * the stand-in kernel). Removing twice is harmless. It does not enter the
-     * kernel.
+     * object's behalf. The object stays usable until the kernel's next
+     * collection, which may reclaim the value: that collection disposes the
+     * object, and from then on every use of it, and registering it again,
+     * throws {@link com.quorbit.externalcall.VexelException} "this Algebraic
+     * has been disposed", whether or not the value was in fact reclaimed.
+     * Removing twice is harmless. It does not enter the kernel.
      *
      * @throws com.quorbit.externalcall.VexelException "Engine is void" when
      *         the object has no engine

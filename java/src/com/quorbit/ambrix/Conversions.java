@@ -100,9 +100,7 @@ final class Conversions {
             return engine.newNumeric(((Number) value).longValue());
         }
         if (value instanceof BigInteger b) {
-            // There is no kernel operation for a wider integer: its digits,
-            // which the library itself printed, are read as a statement.
-            return b.bitLength() < Long.SIZE ? engine.newNumeric(b.longValue()) : engine.evaluate(b + ":");
+            return bigInteger(engine, b);
         }
         if (value instanceof Double || value instanceof Float) {
             return engine.newNumeric(((Number) value).doubleValue());
@@ -139,11 +137,40 @@ final class Conversions {
      * callback did not throw.
      */
     private static Algebraic newArray(Engine engine, Hardware type, String bounds, Object elements) {
-        RTable table = (RTable) engine.evaluate("Array(" + bounds + ", 'datatype' = '" + type.datatype + "'):");
-        if (table != null) {
-            type.assignAll.accept(table, elements);
+        Algebraic made = engine.evaluate("Array(" + bounds + ", 'datatype' = '" + type.datatype + "'):");
+        if (made == null) {
+            return null;
         }
+        if (!type.table.isInstance(made)) {
+            throw unexpected("Array", made);
+        }
+        RTable table = (RTable) made;
+        type.assignAll.accept(table, elements);
         return table;
+    }
+
+    /**
+     * An integer of any size. There is no kernel operation for one wider
+     * than a long: its digits are read as a statement, printed by a plain
+     * BigInteger copied from the value, so that a subclass's toString()
+     * never becomes kernel source.
+     */
+    private static Algebraic bigInteger(Engine engine, BigInteger value) {
+        BigInteger b = new BigInteger(value.toByteArray());
+        if (b.bitLength() < Long.SIZE) {
+            return engine.newNumeric(b.longValue());
+        }
+        Algebraic made = engine.evaluate(b.toString() + ":");
+        if (made != null && !(made instanceof Numeric)) {
+            throw unexpected("an integer", made);
+        }
+        return made;
+    }
+
+    /** A statement the library wrote gave a value of another kind than it makes. */
+    private static VexelException unexpected(String what, Algebraic made) {
+        return new VexelException("The kernel made " + made.getClass().getSimpleName() + " for " + what
+                + ", not the value asked for");
     }
 
     private static VexelException cannotConvert(Object value) {

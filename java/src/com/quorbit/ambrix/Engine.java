@@ -202,6 +202,29 @@ public class Engine implements AutoCloseable {
     public native void getHelp(String topic, int section, HelpCallBacks hcb, int width, Object data);
 
     /**
+     * The kernel's help on a topic as plain text, its attributes (bold
+     * headings and the like) dropped: for front ends that show text only.
+     *
+     * @throws VexelException as {@link #getHelp}
+     */
+    public String getHelpText(String topic, int section, int width) {
+        StringBuilder text = new StringBuilder();
+        getHelp(topic, section, new HelpCallBacks() {
+            @Override
+            public boolean writeChar(Object data, int c) {
+                text.append((char) c);
+                return false;
+            }
+
+            @Override
+            public boolean writeAttrib(Object data, int attrib) {
+                return false;
+            }
+        }, width, null);
+        return text.toString();
+    }
+
+    /**
      * Makes a new, empty table.
      *
      * @return the table

@@ -23,6 +23,24 @@ public class EngineCallBacksDefault implements EngineCallBacks {
     public EngineCallBacksDefault() {
     }
 
+    /**
+     * A status report as a front end shows it on one line:
+     * {@code memory used=...K, alloc=...K, time=...s}.
+     */
+    protected static String statusLine(long kilobytesUsed, long kilobytesAlloc, double cpuTime) {
+        return String.format(Locale.ROOT, "memory used=%dK, alloc=%dK, time=%.2fs", kilobytesUsed, kilobytesAlloc,
+                cpuTime);
+    }
+
+    /**
+     * Kernel text as a front end shows it: a warning ({@code VEXEL_TEXT_WARNING})
+     * that does not say so itself starts with "Warning, "; other text is
+     * shown as it is.
+     */
+    protected static String shownText(int tag, String output) {
+        return tag == VEXEL_TEXT_WARNING && !output.startsWith("Warning") ? "Warning, " + output : output;
+    }
+
     /** Prints the text as one line on {@code System.out}. */
     @Override
     public void textCallBack(Object data, int tag, String output) {
@@ -41,8 +59,7 @@ public class EngineCallBacksDefault implements EngineCallBacks {
     /** Prints a one-line summary on {@code System.out}. */
     @Override
     public void statusCallBack(Object data, long kilobytesUsed, long kilobytesAlloc, double cpuTime) {
-        System.out.println(String.format(Locale.ROOT, "memory used=%dK, alloc=%dK, time=%.2fs",
-                kilobytesUsed, kilobytesAlloc, cpuTime));
+        System.out.println(statusLine(kilobytesUsed, kilobytesAlloc, cpuTime));
     }
 
     /** Reads a line from {@code System.in}; at the end of input the empty line. */

@@ -1,18 +1,44 @@
 package com.quorbit.ambrix;
 
 import java.util.Arrays;
+import java.util.Iterator;
 import java.util.WeakHashMap;
 
 /**
- * The Java side of the kernel collector's passes over the live store, the
- * weak set of wrappers whose values the kernel must keep. Called by the
- * native library while it holds the kernel lock, which is the store's
- * monitor: one call per pass, instead of one native round trip per wrapper.
+ * The Java side of the live store, the weak set of wrappers whose values the
+ * kernel must keep, and of the kernel collector's passes over it. Every
+ * method runs under the store's monitor, which is also the kernel lock.
+ *
+ * <p>Three rules keep a handle in Java from outliving its value:
+ * <ul>
+ * <li>The mark pass allocates nothing of its own: the room for the handles
+ *     is made ahead, as wrappers are registered, outside any collection.
+ *     If the pass fails all the same, the native side abandons the
+ *     collection with a kernel error, so nothing is swept.
+ * <li>A wrapper withdrawn from the store loses its handle in the next mark
+ *     pass, the last moment its value is known to be alive; a disposed
+ *     wrapper (handle 0) cannot be registered again.
+ * <li>A disposed entry in the store is skipped and dropped by the pass.
+ * </ul>
  */
 final class LiveStore {
     /** The engine's store, and the address of the engine's record it serves. */
     private static volatile WeakHashMap<Object, Object> store;
     private static volatile long engineID;
+
+    /** Wrappers withdrawn since the last mark pass. Guarded by the store's monitor. */
+    private static final WeakHashMap<Object, Object> withdrawn = new WeakHashMap<>();
+
+    /**
+     * The pass's room for handles, and the scratch space of the sort, sized
+     * ahead for every registered wrapper. Guarded by the store's monitor.
+     */
+    private static long[] room = new long[64];
+    private static long[] scratch = new long[0];
+    private static final int[] counts = new int[256];
+
+    /** What {@link #register} answers. */
+    static final int REGISTERED = 0, DISPOSED = 1, NOT_RUNNING = 2;
 
     private LiveStore() {}
 
@@ -23,40 +49,111 @@ final class LiveStore {
     }
 
     /**
-     * Registers a new wrapper of the running engine in its store, under the
-     * kernel lock, without a native round trip.
+     * Registers a new wrapper of the running engine in its store, without a
+     * native round trip. The room the mark pass needs for it is made here,
+     * so that a lack of memory fails the wrapper's creation, not a collection.
      *
      * @return false when the wrapper is not of the running engine: the native
      *         library decides what that means
      */
     static boolean add(Algebraic wrapper) {
-        WeakHashMap<Object, Object> s = store;
-        if (s == null || wrapper.kernelID != engineID) {
+        WeakHashMap<Object, Object> s = storeOf(wrapper);
+        if (s == null) {
             return false;
         }
+        // A new wrapper has a handle and was never withdrawn.
         synchronized (s) {
-            s.put(wrapper, null);
+            put(s, wrapper);
         }
         return true;
     }
 
     /**
-     * The handles of the wrappers in the store, one per wrapper Java can
-     * still reach (a disposed wrapper gives 0).
+     * {@link Algebraic#addToLiveAlgebStore()}: one of the three answers
+     * above. A disposed wrapper is refused under the monitor, so that no
+     * pass can dispose it between the check and the registration.
      */
-    static long[] handles(WeakHashMap<Object, Object> store) {
-        long[] handles = new long[store.size()];
-        int n = 0;
-        for (Object wrapper : store.keySet()) {
-            if (n == handles.length) {
-                handles = Arrays.copyOf(handles, 2 * n + 16);
+    static int register(Algebraic wrapper) {
+        WeakHashMap<Object, Object> s = storeOf(wrapper);
+        if (s == null) {
+            return NOT_RUNNING;
+        }
+        synchronized (s) {
+            if (wrapper.dag == 0) {
+                return DISPOSED;
             }
-            handles[n++] = ((Algebraic) wrapper).dag;
+            withdrawn.remove(wrapper);
+            put(s, wrapper);
         }
-        if (n != handles.length) {
-            handles = Arrays.copyOf(handles, n);
+        return REGISTERED;
+    }
+
+    /** The store of the running engine when the wrapper is of it, else null. */
+    private static WeakHashMap<Object, Object> storeOf(Algebraic wrapper) {
+        WeakHashMap<Object, Object> s = store;
+        return s != null && wrapper.kernelID == engineID ? s : null;
+    }
+
+    /** Puts the wrapper in the store, with the room its pass needs made first. Under the monitor. */
+    private static void put(WeakHashMap<Object, Object> s, Algebraic wrapper) {
+        reserve(s.size() + 1);
+        s.put(wrapper, Boolean.TRUE);
+    }
+
+    /** {@link Algebraic#removeFromLiveAlgebStore()}: false when the wrapper is not of the running engine. */
+    static boolean withdraw(Algebraic wrapper) {
+        WeakHashMap<Object, Object> s = storeOf(wrapper);
+        if (s == null) {
+            return false;
         }
-        return n >= SORTED_FROM ? sorted(handles) : handles;
+        synchronized (s) {
+            if (s.remove(wrapper) != null) {
+                withdrawn.put(wrapper, Boolean.TRUE);
+            }
+        }
+        return true;
+    }
+
+    private static void reserve(int wrappers) {
+        if (room.length < wrappers) {
+            room = Arrays.copyOf(room, Math.max(wrappers, 2 * room.length));
+        }
+        if (wrappers >= SORTED_FROM && scratch.length < room.length) {
+            scratch = new long[room.length];
+        }
+    }
+
+    /**
+     * The mark pass: disposes the wrappers withdrawn since the last pass,
+     * drops disposed entries, and returns the handles of the others, ended by
+     * a 0 when they do not fill the array. Called by the native library.
+     */
+    static long[] mark(WeakHashMap<Object, Object> store) {
+        for (Object wrapper : withdrawn.keySet()) {
+            ((Algebraic) wrapper).dag = 0;
+        }
+        withdrawn.clear();
+        long[] handles = room;
+        int n = 0;
+        for (Iterator<Object> it = store.keySet().iterator(); it.hasNext();) {
+            long dag = ((Algebraic) it.next()).dag;
+            if (dag == 0) {
+                it.remove();
+            } else if (n < handles.length) {
+                handles[n++] = dag;
+            } else {
+                // Only a wrapper registered without add() or register() gets here.
+                handles = Arrays.copyOf(handles, 2 * n + 16);
+                handles[n++] = dag;
+            }
+        }
+        if (n < handles.length) {
+            handles[n] = 0;
+        }
+        if (n >= SORTED_FROM && handles == room) {
+            return sorted(handles, n, scratch.length >= n ? scratch : new long[n], counts);
+        }
+        return handles;
     }
 
     /**
@@ -67,17 +164,24 @@ final class LiveStore {
      */
     static final int SORTED_FROM = 1 << 18;
 
-    /** The values sorted as unsigned numbers: a radix sort, a byte at a time, skipping bytes they all share. */
+    /** A sorted copy of the values, as unsigned numbers. */
     static long[] sorted(long[] values) {
+        return Arrays.copyOf(sorted(values, values.length, new long[values.length], new int[256]), values.length);
+    }
+
+    /**
+     * The first n values sorted as unsigned numbers, in {@code values} or in
+     * {@code to}, whichever is returned, and 0-ended when shorter than it: a
+     * radix sort, a byte at a time, skipping bytes they all share.
+     */
+    private static long[] sorted(long[] values, int n, long[] to, int[] counts) {
         long[] from = values;
-        long[] to = new long[values.length];
-        int[] counts = new int[256];
-        for (int shift = 0; shift < 64; shift += 8) {
+        for (int shift = 0; shift < 64 && n > 0; shift += 8) {
             Arrays.fill(counts, 0);
-            for (long v : from) {
-                counts[(int) (v >>> shift) & 0xFF]++;
+            for (int i = 0; i < n; i++) {
+                counts[(int) (from[i] >>> shift) & 0xFF]++;
             }
-            if (counts[(int) (from[0] >>> shift) & 0xFF] == from.length) {
+            if (counts[(int) (from[0] >>> shift) & 0xFF] == n) {
                 continue;
             }
             for (int i = 0, sum = 0; i < 256; i++) {
@@ -85,21 +189,32 @@ final class LiveStore {
                 counts[i] = sum;
                 sum += c;
             }
-            for (long v : from) {
+            for (int i = 0; i < n; i++) {
+                long v = from[i];
                 to[counts[(int) (v >>> shift) & 0xFF]++] = v;
             }
             long[] swap = from;
             from = to;
             to = swap;
         }
+        if (n < from.length) {
+            from[n] = 0;
+        }
         return from;
     }
 
-    /** Disposes every wrapper in the store and empties it: the kernel has discarded their values. */
+    /**
+     * Disposes every wrapper in the store, and every one withdrawn since the
+     * last pass, and empties both: the kernel has discarded their values.
+     */
     static void dispose(WeakHashMap<Object, Object> store) {
         for (Object wrapper : store.keySet()) {
             ((Algebraic) wrapper).dag = 0;
         }
         store.clear();
+        for (Object wrapper : withdrawn.keySet()) {
+            ((Algebraic) wrapper).dag = 0;
+        }
+        withdrawn.clear();
     }
 }

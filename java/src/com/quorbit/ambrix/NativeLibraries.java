@@ -22,9 +22,13 @@ import java.util.Locale;
  * its {@code libambrix.so}, after its {@code libvexelc.so} when it holds
  * one;
  * <li>the copies carried in the jar under {@code linux-x86_64/} (the
- * platform's folder), extracted to a private temporary folder, loaded, and
- * deleted;
- * <li>{@code System.loadLibrary("ambrix")} on {@code java.library.path}.
+ * platform's folder), extracted to a private folder made in the folder the
+ * system property {@code ambrix.tmpdir} names (else {@code java.io.tmpdir}),
+ * loaded, and deleted;
+ * <li>when the jar carries none, or they cannot be extracted or loaded (no
+ * writable temporary folder, one mounted {@code noexec}):
+ * {@code System.loadLibrary("ambrix")} on {@code java.library.path}, after
+ * {@code libvexelc.so} from there when it holds one.
  * </ol>
  * The system property {@code ambrix.kernel}, or else the environment
  * variable {@code AMBRIX_KERNEL}, names a kernel library file to load instead
@@ -34,6 +38,7 @@ final class NativeLibraries {
     static final String LIBRARY_PATH_PROPERTY = "ambrix.library.path";
     static final String KERNEL_PROPERTY = "ambrix.kernel";
     static final String KERNEL_VARIABLE = "AMBRIX_KERNEL";
+    static final String TMPDIR_PROPERTY = "ambrix.tmpdir";
 
     private static final String AMBRIX = System.mapLibraryName("ambrix");
     private static final String KERNEL = System.mapLibraryName("vexelc");
@@ -72,7 +77,7 @@ final class NativeLibraries {
         if (folder != null && !folder.isEmpty()) {
             loadFromFolder(new File(folder).getAbsoluteFile(), kernel == null);
         } else if (!loadFromJar(kernel == null)) {
-            loadFromLibraryPath();
+            loadFromLibraryPath(kernel == null);
         }
     }
 
@@ -92,33 +97,50 @@ final class NativeLibraries {
         loadFile(new File(folder, AMBRIX));
     }
 
-    /** False when the jar carries no libraries for this platform. */
+    /**
+     * False when the jar carries no libraries for this platform, or they
+     * could not be extracted or loaded: then java.library.path is next.
+     */
     private boolean loadFromJar(boolean withKernel) {
         String base = "/" + platform() + "/";
+        String name = "the jar's " + base.substring(1) + AMBRIX;
         if (NativeLibraries.class.getResource(base + AMBRIX) == null) {
-            tried.add("the jar's " + base.substring(1) + AMBRIX + " (not in the jar)");
+            tried.add(name + " (not in the jar)");
             return false;
+        }
+        String tmp = System.getProperty(TMPDIR_PROPERTY);
+        if (tmp == null || tmp.isEmpty()) {
+            tmp = System.getProperty("java.io.tmpdir");
         }
         Path dir = null;
         try {
-            dir = Files.createTempDirectory("ambrix-",
+            dir = Files.createTempDirectory(Path.of(tmp), "ambrix-",
                     PosixFilePermissions.asFileAttribute(PosixFilePermissions.fromString("rwx------")));
             // Both are extracted before either is loaded: libambrix finds the
             // kernel beside itself if it is not loaded already.
             Path kernel = withKernel ? extract(base + KERNEL, dir) : null;
             Path ambrix = extract(base + AMBRIX, dir);
             if (kernel != null) {
-                loadFile(kernel.toFile());
+                System.load(kernel.toString());
             }
-            loadFile(ambrix.toFile());
-        } catch (IOException e) {
-            tried.add("the jar's " + base.substring(1) + AMBRIX + " (" + e + ")");
-            throw failure();
+            System.load(ambrix.toString());
+            return true;
+        } catch (IOException | RuntimeException e) {
+            tried.add(name + " extracted to " + tmp + " (" + e + ")");
+        } catch (UnsatisfiedLinkError e) {
+            tried.add(name + " extracted to " + tmp + " (" + e.getMessage() + hint(e) + ")");
         } finally {
             // A loaded library stays mapped after its file is gone.
             deleteAll(dir);
         }
-        return true;
+        return false;
+    }
+
+    /** A hint for a library that was there but could not be mapped. */
+    private static String hint(UnsatisfiedLinkError e) {
+        String m = String.valueOf(e.getMessage());
+        return m.contains("failed to map segment") || m.contains("Operation not permitted")
+                || m.contains("Permission denied") ? "; mounted noexec?" : "";
     }
 
     /** Copies a resource into the folder; null when the jar does not carry it. */
@@ -146,12 +168,19 @@ final class NativeLibraries {
         dir.toFile().delete();
     }
 
-    private void loadFromLibraryPath() {
+    private void loadFromLibraryPath(boolean withKernel) {
+        String path = System.getProperty("java.library.path");
+        if (withKernel) {
+            try {
+                System.loadLibrary("vexelc");
+            } catch (UnsatisfiedLinkError e) {
+                // libambrix may still find a kernel through its own run path.
+            }
+        }
         try {
             System.loadLibrary("ambrix");
         } catch (UnsatisfiedLinkError e) {
-            tried.add(AMBRIX + " on java.library.path=" + System.getProperty("java.library.path")
-                    + " (" + e.getMessage() + ")");
+            tried.add(AMBRIX + " on java.library.path=" + path + " (" + e.getMessage() + hint(e) + ")");
             throw failure();
         }
     }
@@ -164,7 +193,7 @@ final class NativeLibraries {
         try {
             System.load(file.getPath());
         } catch (UnsatisfiedLinkError e) {
-            tried.add(file + " (" + e.getMessage() + ")");
+            tried.add(file + " (" + e.getMessage() + hint(e) + ")");
             throw failure();
         }
     }

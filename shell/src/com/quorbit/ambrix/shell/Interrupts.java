@@ -15,7 +15,9 @@ import java.util.concurrent.atomic.AtomicInteger;
  * ({@link Engine#interrupt()}), and the kernel stops with "computation
  * interrupted" at its next interrupt query. A flag is set as well, which
  * help output reads. If the kernel does not ask (a long computation without
- * a loop), the third Ctrl-C in a row ends the program.
+ * a loop), the third Ctrl-C in a row ends the program. With the kernel in
+ * a worker process ({@code --isolated}), the second Ctrl-C within the
+ * grace time kills and replaces the kernel instead.
  * </ul>
  */
 final class Interrupts {
@@ -24,7 +26,13 @@ final class Interrupts {
     private static final int PRESSES_TO_EXIT = 3;
 
     private volatile LineInput input;
-    private volatile Engine engine;
+    /** Asks the running statement to end: the engine's interrupt, or the isolated session's. */
+    private volatile Runnable interrupter;
+    /** With an isolated kernel: kills and replaces it. */
+    private volatile Runnable killer;
+    private volatile long graceNanos;
+    /** When the last Ctrl-C during this statement came; 0 for none. */
+    private volatile long lastPress;
     private final AtomicBoolean requested = new AtomicBoolean();
     private final AtomicInteger unanswered = new AtomicInteger();
     private volatile Mode mode = Mode.PROMPT;
@@ -39,7 +47,17 @@ final class Interrupts {
 
     /** The engine whose statements Ctrl-C stops. */
     void setEngine(Engine engine) {
-        this.engine = engine;
+        this.interrupter = engine::interrupt;
+    }
+
+    /**
+     * A kernel in a worker process: Ctrl-C interrupts it, and a second
+     * Ctrl-C within the grace time kills and replaces it.
+     */
+    void setIsolated(Runnable interrupt, Runnable kill, java.time.Duration grace) {
+        this.interrupter = interrupt;
+        this.killer = kill;
+        this.graceNanos = grace.toNanos();
     }
 
     /** Installs the handler of SIGINT; false when the JVM does not allow it. */
@@ -55,24 +73,40 @@ final class Interrupts {
     /** Called on every SIGINT (on the JVM's signal thread). */
     void signalled() {
         any = true;
+        // Ctrl-C may come before the shell has set its input.
+        LineInput in = input;
         switch (mode) {
-            case PROMPT -> input.interrupt();
+            case PROMPT -> {
+                if (in != null) {
+                    in.interrupt();
+                }
+            }
             case READING -> {
                 echoed = true;
-                input.interrupt();
+                if (in != null) {
+                    in.interrupt();
+                }
             }
             case RUNNING -> {
                 echoed = true;
                 requested.set(true);
-                Engine running = engine;
+                long now = System.nanoTime();
+                Runnable kill = killer;
+                if (kill != null && lastPress != 0 && now - lastPress < graceNanos) {
+                    lastPress = 0;
+                    kill.run();
+                    return;
+                }
+                lastPress = now;
+                Runnable interrupt = interrupter;
                 try {
-                    if (running != null) {
-                        running.interrupt();
+                    if (interrupt != null) {
+                        interrupt.run();
                     }
                 } catch (RuntimeException e) {
                     // stopped already: nothing runs
                 }
-                if (unanswered.incrementAndGet() >= PRESSES_TO_EXIT) {
+                if (kill == null && unanswered.incrementAndGet() >= PRESSES_TO_EXIT) {
                     System.out.flush();
                     System.err.println();
                     System.err.println("vexel: the kernel does not respond to interrupts; exiting");
@@ -92,6 +126,7 @@ final class Interrupts {
     void enter(Mode m) {
         if (m == Mode.RUNNING && mode == Mode.PROMPT) {
             echoed = false;
+            lastPress = 0;
             requested.set(false);
             unanswered.set(0);
         }

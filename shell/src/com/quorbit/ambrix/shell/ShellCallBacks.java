@@ -1,11 +1,10 @@
 package com.quorbit.ambrix.shell;
 
-import com.quorbit.ambrix.EngineCallBacks;
+import com.quorbit.ambrix.EngineCallBacksDefault;
 import com.quorbit.externalcall.VexelException;
 import java.io.FileNotFoundException;
 import java.io.FileOutputStream;
 import java.io.PrintStream;
-import java.util.Locale;
 
 /**
  * The shell's side of the kernel's callbacks.
@@ -19,7 +18,7 @@ import java.util.Locale;
  * spaces and {@code streamcall("getenv", name)} with the value of an
  * environment variable (empty if unset); other stream names are an error.
  */
-final class ShellCallBacks implements EngineCallBacks {
+final class ShellCallBacks extends EngineCallBacksDefault {
     private final PrintStream terminal;
     private final LineInput input;
     private final Interrupts interrupts;
@@ -94,7 +93,7 @@ final class ShellCallBacks implements EngineCallBacks {
 
     @Override
     public void textCallBack(Object data, int tag, String output) {
-        String text = tag == VEXEL_TEXT_WARNING && !output.startsWith("Warning") ? "Warning, " + output : output;
+        String text = shownText(tag, output);
         if (text.endsWith("\n")) {
             sink.print(text);
         } else {
@@ -110,8 +109,7 @@ final class ShellCallBacks implements EngineCallBacks {
 
     @Override
     public void statusCallBack(Object data, long kilobytesUsed, long kilobytesAlloc, double cpuTime) {
-        terminal.println(String.format(Locale.ROOT, "memory used=%dK, alloc=%dK, time=%.2fs",
-                kilobytesUsed, kilobytesAlloc, cpuTime));
+        terminal.println(statusLine(kilobytesUsed, kilobytesAlloc, cpuTime));
         terminal.flush();
     }
 

@@ -1,6 +1,8 @@
 package com.quorbit.ambrix.shell;
 
 import java.util.ArrayList;
+import java.util.regex.Matcher;
+import java.util.regex.Pattern;
 
 /**
  * Splits input lines into complete statements.
@@ -10,14 +12,59 @@ import java.util.ArrayList;
  * quotes {@code '...'}, back-quoted names, comments ({@code #} to the end of
  * the line), brackets, and blocks opened by {@code proc}, {@code if} or
  * {@code do} and closed by {@code end} (with its optional {@code end proc},
- * {@code end if}, {@code end do}). So a {@code ;} inside a procedure body does
+ * {@code end if}, {@code end do}), {@code fi} or {@code od}. So a {@code ;} inside a procedure body does
  * not end the input. Unbalanced closers count as depth 0, so that a stray
  * {@code end} or {@code )} still lets the statement through to the kernel,
  * which reports it.
  */
-final class StatementScanner {
+public final class StatementScanner {
     /** One complete statement and the input line it starts on (from 1). */
-    record Statement(String text, int line) {
+    public record Statement(String text, int line) {
+    }
+
+    private static final Pattern HELP = Pattern.compile("(\\?{1,3})\\s*(.*?)\\s*;?\\s*");
+
+    /**
+     * A help line, read where a statement would start: {@code ?topic} (level
+     * 1, all of the help), {@code ??topic} (2, usage) or {@code ???topic}
+     * (3, examples).
+     */
+    public record HelpLine(String topic, int level) {
+    }
+
+    /** The help line this line is, white space around it aside; null when it is none. */
+    public static HelpLine helpLine(String line) {
+        Matcher m = HELP.matcher(line.strip());
+        return m.matches() ? new HelpLine(m.group(2), m.group(1).length()) : null;
+    }
+
+    /** Whether a piece of code is ready to run. */
+    public enum Completeness {
+        /** Every statement in it is ended (or it holds none). */
+        COMPLETE,
+        /** A statement, string, bracket or block is still open: more lines would continue it. */
+        INCOMPLETE,
+        /** A bracket or block is closed that was never opened. */
+        INVALID
+    }
+
+    /** Whether the code is complete, as a front end that reads lines asks. */
+    public static Completeness completeness(String code) {
+        StatementScanner scanner = new StatementScanner();
+        for (String line : code.split("\n", -1)) {
+            scanner.addLine(line);
+            if (scanner.unbalanced) {
+                return Completeness.INVALID;
+            }
+        }
+        return scanner.isEmpty() ? Completeness.COMPLETE : Completeness.INCOMPLETE;
+    }
+
+    /** Set when a closer met no opener. */
+    private boolean unbalanced;
+
+    /** A scanner with nothing pending. */
+    public StatementScanner() {
     }
 
     private final StringBuilder pending = new StringBuilder();
@@ -33,7 +80,7 @@ final class StatementScanner {
      * @return the statements completed by this line, in order, leading white
      *         space removed
      */
-    java.util.List<Statement> addLine(String line) {
+    public java.util.List<Statement> addLine(String line) {
         if (pending.length() == 0) {
             pendingLine = nextLine;
         } else {
@@ -45,7 +92,7 @@ final class StatementScanner {
     }
 
     /** True when no partial statement is waiting for more lines. */
-    boolean isEmpty() {
+    public boolean isEmpty() {
         return pending.length() == 0;
     }
 
@@ -60,7 +107,7 @@ final class StatementScanner {
      *
      * @return the rest, or null when there is none
      */
-    Statement takeRest() {
+    public Statement takeRest() {
         if (pending.length() == 0) {
             return null;
         }
@@ -96,9 +143,10 @@ final class StatementScanner {
                     j++;
                 }
                 String word = text.substring(i, j);
-                if (word.equals("end")) {
+                if (word.equals("end") || word.equals("fi") || word.equals("od")) {
+                    unbalanced |= blocks == 0;
                     blocks = Math.max(0, blocks - 1);
-                    afterEnd = true;
+                    afterEnd = word.equals("end");
                 } else {
                     if (!afterEnd && (word.equals("proc") || word.equals("if") || word.equals("do"))) {
                         blocks++;
@@ -123,7 +171,10 @@ final class StatementScanner {
             }
             switch (c) {
                 case '(', '[', '{' -> brackets++;
-                case ')', ']', '}' -> brackets = Math.max(0, brackets - 1);
+                case ')', ']', '}' -> {
+                    unbalanced |= brackets == 0;
+                    brackets = Math.max(0, brackets - 1);
+                }
                 case ';', ':' -> {
                     boolean assignment = c == ':' && i + 1 < n
                             && (text.charAt(i + 1) == '=' || text.charAt(i + 1) == ':');

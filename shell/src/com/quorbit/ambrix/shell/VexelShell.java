@@ -2,6 +2,10 @@ package com.quorbit.ambrix.shell;
 
 import com.quorbit.ambrix.Algebraic;
 import com.quorbit.ambrix.Engine;
+import com.quorbit.ambrix.pool.EnginePool;
+import com.quorbit.ambrix.pool.Result;
+import com.quorbit.ambrix.pool.Session;
+import com.quorbit.ambrix.pool.WorkerLostException;
 import com.quorbit.externalcall.VexelException;
 import java.io.File;
 import java.io.IOException;
@@ -19,8 +23,11 @@ import java.util.regex.Pattern;
  * The Vexel shell: an interactive console for the Vexel kernel.
  *
  * <pre>
- * vexel [kernel options] [file ...]
+ * vexel [--isolated] [kernel options] [file ...]
  * </pre>
+ *
+ * <p>{@code --isolated} runs the kernel in a worker process: a crash of the
+ * kernel ends only that process, and the shell goes on with a new kernel.
  *
  * <p>Arguments starting with {@code -} are start options for the kernel
  * ({@code -q} for no banner, {@code --gcthreshold=N}); {@code --} ends them.
@@ -45,16 +52,20 @@ import java.util.regex.Pattern;
  * plain lines.
  */
 public final class VexelShell {
+    private static final java.util.logging.Logger POOL_LOG =
+            java.util.logging.Logger.getLogger("com.quorbit.ambrix.pool");
     private static final String PROMPT = "> ";
     private static final String CONTINUATION_PROMPT = ">> ";
     private static final Pattern STOP_WORD = Pattern.compile("(quit|done|stop)\\s*[;:]?");
-    private static final Pattern HELP = Pattern.compile("(\\?{1,3})\\s*(.*?)\\s*;?\\s*");
 
     private final PrintStream out = System.out;
     private final Interrupts interrupts = new Interrupts();
     private LineInput input;
     private ShellCallBacks callbacks;
     private Engine engine;
+    /** With --isolated: the pool of one worker, and the session on it. */
+    private EnginePool pool;
+    private volatile Session session;
     private boolean stopped;
     /** A file run was ended by Ctrl-C. */
     private boolean interrupted;
@@ -72,12 +83,15 @@ public final class VexelShell {
     }
 
     private int run(String[] args) {
+        boolean isolated = false;
         java.util.List<String> kernelArgs = new ArrayList<>();
         java.util.List<String> files = new ArrayList<>();
         boolean options = true;
         for (String a : args) {
             if (options && a.equals("--")) {
                 options = false;
+            } else if (options && a.equals("--isolated")) {
+                isolated = true;
             } else if (options && (a.equals("-h") || a.equals("--help"))) {
                 usage(out);
                 return 0;
@@ -110,7 +124,12 @@ public final class VexelShell {
         interrupts.setInput(input);
         callbacks = new ShellCallBacks(out, input, interrupts);
         try {
-            engine = new Engine(kernelArgs.toArray(new String[0]), callbacks, null);
+            if (isolated) {
+                startIsolated(kernelArgs);
+            } else {
+                engine = new Engine(kernelArgs.toArray(new String[0]), callbacks, null);
+                interrupts.setEngine(engine);
+            }
         } catch (VexelException e) {
             System.err.println("vexel: the kernel did not start: " + e.getMessage());
             return 2;
@@ -119,13 +138,16 @@ public final class VexelShell {
             input.close();
             return 2;
         }
-        interrupts.setEngine(engine);
         int status;
         try {
             status = sources.isEmpty() ? interactive(terminal) : runFiles(sources);
         } finally {
             try {
-                engine.stop();
+                if (pool != null) {
+                    pool.close();
+                } else {
+                    engine.stop();
+                }
             } catch (VexelException e) {
                 System.err.println("vexel: " + e.getMessage());
             }
@@ -133,6 +155,33 @@ public final class VexelShell {
             input.close();
         }
         return status;
+    }
+
+    /** The kernel in a worker process, behind a session of a pool of one. */
+    private void startIsolated(java.util.List<String> kernelArgs) {
+        // The shell says itself what happened to its kernel.
+        POOL_LOG.setLevel(java.util.logging.Level.OFF);
+        java.time.Duration grace = java.time.Duration.ofSeconds(1);
+        pool = EnginePool.builder().workers(1).kernelArguments(kernelArgs.toArray(new String[0])).graceTime(grace)
+                .build();
+        session = pool.session();
+        interrupts.setIsolated(() -> session.interrupt(), () -> session.kill(), grace);
+    }
+
+    /** A statement in the worker: its output, then its value, as the kernel would print them here. */
+    private void evaluateIsolated(String text) {
+        try {
+            Result r = session.evaluate(text);
+            r.output().forEach(out::println);
+            if (!r.text().isEmpty()) {
+                out.println(r.text());
+            }
+        } catch (WorkerLostException e) {
+            out.flush();
+            System.err.println("kernel process ended: " + e.reason() + "; a new kernel was started"
+                    + " (definitions are lost)");
+            session = pool.session();
+        }
     }
 
     /** The terminal with line editing, or null (with a note) when JLine cannot open it. */
@@ -172,9 +221,9 @@ public final class VexelShell {
             String line = (String) item;
             if (scanner.isEmpty()) {
                 String trimmed = line.strip();
-                Matcher help = HELP.matcher(trimmed);
-                if (help.matches()) {
-                    help(help.group(2), help.group(1).length());
+                StatementScanner.HelpLine help = StatementScanner.helpLine(trimmed);
+                if (help != null) {
+                    help(help.topic(), help.level());
                     continue;
                 }
                 if (STOP_WORD.matcher(trimmed).matches()) {
@@ -247,9 +296,17 @@ public final class VexelShell {
         callbacks.beginStatement(text, file, s.line());
         interrupts.enter(Interrupts.Mode.RUNNING);
         try {
-            Algebraic result = engine.evaluate(text);
-            if (result != null && result.isStop()) {
-                stopped = true;
+            if (session != null) {
+                if (stop.matches()) {
+                    stopped = true;
+                } else {
+                    evaluateIsolated(text);
+                }
+            } else {
+                Algebraic result = engine.evaluate(text);
+                if (result != null && result.isStop()) {
+                    stopped = true;
+                }
             }
         } catch (VexelException e) {
             callbacks.reportError(e.getMessage(), -1);
@@ -278,7 +335,11 @@ public final class VexelShell {
         HelpPrinter printer = new HelpPrinter(out, ansi, interrupts);
         interrupts.enter(Interrupts.Mode.RUNNING);
         try {
-            engine.getHelp(topic, section, printer, terminalWidth(), null);
+            if (session != null) {
+                out.print(session.help(topic, section, terminalWidth()));
+            } else {
+                engine.getHelp(topic, section, printer, terminalWidth(), null);
+            }
         } catch (VexelException e) {
             printer.finish();
             out.println(e.getMessage());
@@ -290,7 +351,7 @@ public final class VexelShell {
     }
 
     private static void usage(PrintStream out) {
-        out.println("Usage: vexel [kernel options] [file ...]");
+        out.println("Usage: vexel [--isolated] [kernel options] [file ...]");
         out.println();
         out.println("  Statements end with ';' (the value is printed) or ':' (silent).");
         out.println("  ?topic     help on a topic, for example ?print");
@@ -299,6 +360,7 @@ public final class VexelShell {
         out.println("  quit       leave (also done, stop, or the end of input)");
         out.println();
         out.println("  Kernel options: -q (no banner), --gcthreshold=N.");
+        out.println("  --isolated runs the kernel in a worker process, which a crash cannot take down.");
         out.println("  With files, runs their statements and exits: status 1 if any failed.");
         out.flush();
     }

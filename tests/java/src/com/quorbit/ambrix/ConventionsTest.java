@@ -2,14 +2,12 @@ package com.quorbit.ambrix;
 
 import static com.quorbit.ambrix.Checks.assertVexel;
 import static com.quorbit.ambrix.Kernel.CALLBACKS;
-import static com.quorbit.ambrix.Kernel.collect;
 import static com.quorbit.ambrix.Kernel.eval;
 import static org.junit.jupiter.api.Assertions.assertEquals;
 import static org.junit.jupiter.api.Assertions.assertFalse;
 import static org.junit.jupiter.api.Assertions.assertThrows;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 
-import java.lang.reflect.Modifier;
 import java.math.BigInteger;
 import java.util.ArrayList;
 import java.util.Iterator;
@@ -62,21 +60,5 @@ class ConventionsTest {
     @CsvSource({"1/2, 1/2", "1.5, 1.5", "-3/7, -3/7"})
     void otherNumbersAreNotIntegers(String statement, String printed) {
         assertVexel("not an integer: " + printed, () -> ((Numeric) eval(statement + ";")).bigIntegerValue());
-    }
-
-    /** A program may release a value early; the kernel then reclaims it. */
-    @Test
-    void theLiveStoreMethodsArePublic() throws Exception {
-        for (String name : new String[] {"addToLiveAlgebStore", "removeFromLiveAlgebStore"})
-            assertTrue(Modifier.isPublic(Algebraic.class.getMethod(name).getModifiers()), name);
-        Algebraic released = eval("[\"released\"];");
-        released.removeFromLiveAlgebStore();
-        collect();
-        assertVexel("invalid or reclaimed value", released::toString);
-        Algebraic kept = eval("[\"kept again\"];");
-        kept.removeFromLiveAlgebStore();
-        kept.addToLiveAlgebStore();
-        collect();
-        assertEquals("[\"kept again\"]", kept.toString());
     }
 }

@@ -38,8 +38,14 @@ class ExceptionTranslationTest {
                 Arguments.of(new VexelException("long %1", Long.MIN_VALUE), "long -9223372036854775808"),
                 Arguments.of(new VexelException("two %1 %2", true, false), "two true false"),
                 Arguments.of(new VexelException("floats %1 %2", 1.5f, 0.25), "floats 1.5 0.25"),
-                Arguments.of(new VexelException("text %1", "\u0141b"), "text \"Ab\""),
-                Arguments.of(new VexelException("char %1", '\u0141'), "char \"A\""),
+                Arguments.of(new VexelException("text %1", "\u00ffb"), "text \"\u00ffb\""),
+                Arguments.of(new VexelException("char %1", '\u00ff'), "char \"\u00ff\""),
+                // Text that cannot cross exactly is refused, wherever it is.
+                Arguments.of(new VexelException("text %1", "\u0141b"), "character is out of range"),
+                Arguments.of(new VexelException("text %1", "a\0b"), "character is out of range"),
+                Arguments.of(new VexelException("char %1", '\u0141'), "character is out of range"),
+                Arguments.of(new VexelException("char %1", '\0'), "character is out of range"),
+                Arguments.of(new VexelException("cut\0here"), "character is out of range"),
                 // Classes without a kernel counterpart give the null value.
                 Arguments.of(new VexelException("short %1", (short) 3), "short NULL"),
                 Arguments.of(new VexelException("array %1", (Object) new int[] {1}), "array NULL"),
@@ -52,8 +58,9 @@ class ExceptionTranslationTest {
                 Arguments.of(new VexelException("wide \u0100"), "character is out of range"),
                 Arguments.of(new VexelException("\u00e9t\u00e9"), "\u00e9t\u00e9"),
                 Arguments.of(new SubclassedException("sub %1", 4), "sub 4"),
-                // Any other exception gives its toString text, cut to 8 bits.
-                Arguments.of(new IllegalStateException("boom \u0141"), "java.lang.IllegalStateException: boom A"),
+                // Any other exception gives its toString text.
+                Arguments.of(new IllegalStateException("boom \u00e9"), "java.lang.IllegalStateException: boom \u00e9"),
+                Arguments.of(new IllegalStateException("boom \u0141"), "character is out of range"),
                 Arguments.of(new NullPointerException(), "java.lang.NullPointerException"));
     }
 

@@ -30,22 +30,33 @@ class LiveStoreTest {
         assertEquals("[\"kept\", 1180591620717411303424]", kept.toString());
     }
 
+    /**
+     * A withdrawn wrapper keeps its handle until the next collection, which
+     * may reclaim its value: that collection takes the handle, so no later
+     * use or registration can hand the kernel a value that may be gone.
+     */
     @Test
-    void anUnregisteredValueIsReclaimed() {
+    void aWithdrawnWrapperLosesItsHandleAtTheNextCollection() {
         Algebraic gone = eval("[\"gone\"];");
         gone.removeFromLiveAlgebStore();
+        gone.removeFromLiveAlgebStore();
+        assertEquals("[\"gone\"]", gone.toString());
         collect();
-        assertVexel("invalid or reclaimed value", gone::toString);
+        assertVexel("this Algebraic has been disposed", gone::toString);
+        assertVexel("this Algebraic has been disposed", gone::addToLiveAlgebStore);
+        // Later collections go on as before.
+        for (int i = 0; i < 5; i++) assertEquals("3", eval("1 + 2;").toString());
+        collect();
     }
 
     @Test
-    void registeringTwiceAndRemovingTwiceAreHarmless() {
-        Algebraic value = eval("[\"twice\"];");
-        value.addToLiveAlgebStore();
-        value.removeFromLiveAlgebStore();
-        value.removeFromLiveAlgebStore();
+    void registeringAgainBeforeACollectionKeepsTheValue() {
+        Algebraic kept = eval("[\"kept again\"];");
+        kept.removeFromLiveAlgebStore();
+        kept.addToLiveAlgebStore();
+        kept.addToLiveAlgebStore();
         collect();
-        assertVexel("invalid or reclaimed value", value::toString);
+        assertEquals("[\"kept again\"]", kept.toString());
     }
 
     @Test
@@ -65,19 +76,46 @@ class LiveStoreTest {
     }
 
     @Test
-    void aWrapperWithoutAHandleFailsTheMarkButTheOthersAreMarked() {
+    void aDisposedEntryIsSkippedAndDropped() {
         Algebraic broken = eval("[\"broken\"];");
         Algebraic kept = eval("[\"marked\"];");
-        long dag = broken.dag;
         broken.dag = 0;
-        try {
-            assertVexel("could not extract dag from Algebraic", () -> eval("gc(): gc():"));
-        } finally {
-            broken.removeFromLiveAlgebStore();
-            broken.dag = dag;
-        }
         collect();
         assertEquals("[\"marked\"]", kept.toString());
+        assertVexel("this Algebraic has been disposed", broken::addToLiveAlgebStore);
+    }
+
+    /**
+     * A mark pass that cannot mark every wrapper abandons the collection
+     * with a kernel error: nothing is swept, so every held value survives.
+     * A key that is no wrapper makes the pass fail.
+     */
+    @Test
+    @SuppressWarnings("unchecked")
+    void aFailedMarkPassAbandonsTheCollection() throws Exception {
+        Algebraic held = eval("[\"held\", 2^70];");
+        Algebraic other = eval("[\"other\"];");
+        java.lang.reflect.Field field = LiveStore.class.getDeclaredField("store");
+        field.setAccessible(true);
+        java.util.Map<Object, Object> store = (java.util.Map<Object, Object>) field.get(null);
+        Object intruder = "not a wrapper";
+        synchronized (store) {
+            store.put(intruder, Boolean.TRUE);
+        }
+        long collections = ((Numeric) eval("kernelopts(collections);")).longValue();
+        try {
+            for (int i = 0; i < 3; i++) {
+                assertVexel("live values could not be marked; the collection was abandoned", () -> eval("gc():"));
+            }
+            assertEquals(collections, ((Numeric) eval("kernelopts(collections);")).longValue());
+        } finally {
+            synchronized (store) {
+                store.remove(intruder);
+            }
+        }
+        collect();
+        assertEquals("[\"held\", 1180591620717411303424]", held.toString());
+        assertEquals("[\"other\"]", other.toString());
     }
 
     @Test

@@ -25,5 +25,14 @@ class RestartScenario {
             assertEquals("[\"after\", " + round + "]", after.toString());
             before = after;
         }
+        // A wrapper withdrawn before a restart is disposed by it as well, and
+        // neither kind can be registered again.
+        Algebraic withdrawn = engine.evaluate("[\"withdrawn\"];");
+        withdrawn.removeFromLiveAlgebStore();
+        engine.restart();
+        assertVexel("this Algebraic has been disposed", withdrawn::toString);
+        assertVexel("this Algebraic has been disposed", withdrawn::addToLiveAlgebStore);
+        assertVexel("this Algebraic has been disposed", before::addToLiveAlgebStore);
+        for (int i = 0; i < 3; i++) assertEquals("3", engine.evaluate("gc(): 1 + 2;").toString());
     }
 }

@@ -1,12 +1,14 @@
-// Interrupt requests: Engine.interrupt() asks, from any thread and without
-// the kernel lock, that the kernel call in progress end. The kernel learns
-// of it at its next interrupt query, before the callbacks object is asked.
+// The engine record: the CallBackFrontEnd, whose layout is fixed, followed
+// in the same block by the state the kernel lock keeps for interrupt
+// requests. Engine.interrupt() asks, from any thread and without the lock,
+// that the kernel call in progress end; the kernel learns of it at its next
+// interrupt query, before the callbacks object is asked.
 //
 // Each kernel call takes a new serial as it enters the lock, and a request
 // names the serial of the call it was made during: a request that arrives
 // while no call runs, or after its call has ended, touches no later call.
-#ifndef AMBRIX_INTERRUPT_H
-#define AMBRIX_INTERRUPT_H
+#ifndef AMBRIX_RECORD_H
+#define AMBRIX_RECORD_H
 
 #include "bridge.h"
 
@@ -21,6 +23,9 @@ void beginKernelCall(CallBackFrontEnd *frontEnd);
 
 // Inside a kernel call: whether Engine.interrupt() asked during this call.
 bool interruptRequested(CallBackFrontEnd *frontEnd);
+
+// From any thread: asks the kernel call in progress, if any, to end.
+void requestInterrupt(CallBackFrontEnd *frontEnd);
 
 }  // namespace ambrix
 

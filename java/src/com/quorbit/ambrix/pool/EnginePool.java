@@ -1,0 +1,608 @@
+package com.quorbit.ambrix.pool;
+
+import com.quorbit.externalcall.VexelException;
+import java.io.File;
+import java.io.IOException;
+import java.lang.System.Logger.Level;
+import java.net.URISyntaxException;
+import java.nio.file.Files;
+import java.nio.file.Path;
+import java.nio.file.attribute.PosixFilePermissions;
+import java.time.Duration;
+import java.util.ArrayDeque;
+import java.util.ArrayList;
+import java.util.Arrays;
+import java.util.concurrent.CompletableFuture;
+import java.util.concurrent.ExecutionException;
+import java.util.concurrent.Executors;
+import java.util.concurrent.ScheduledExecutorService;
+import java.util.concurrent.TimeUnit;
+import java.util.concurrent.TimeoutException;
+import java.util.concurrent.atomic.AtomicLong;
+
+/**
+ * Kernels in worker processes: each worker is a child JVM with its own
+ * kernel, so that a crash of native code, a computation that ignores
+ * interrupts, or one that takes too much memory ends only that worker, and
+ * several evaluations run at the same time.
+ *
+ * <pre>{@code
+ * try (EnginePool pool = EnginePool.builder().workers(4).timeLimit(Duration.ofSeconds(30)).build()) {
+ *     Result r = pool.submit("2^100;").join();
+ *     Object product = pool.call("area", 3, 4.5).join();
+ * }
+ * }</pre>
+ *
+ * <p>{@link #submit} and {@link #call} run on any free worker, in a kernel
+ * with no trace of earlier tasks: after each task the worker restarts its
+ * kernel and runs the {@code initialize} statements again (unless
+ * {@link Builder#resetEveryTask(boolean)} turned this off). A
+ * {@link #session()} keeps one worker and its definitions until it is
+ * closed.
+ *
+ * <p>A task whose time limit passes is interrupted; if it has not ended
+ * after the grace time, its worker is killed. A worker whose resident
+ * memory passes the memory limit is killed. A lost worker fails its own
+ * task with a {@link WorkerLostException} (the task is not retried
+ * elsewhere) and is replaced at once; the other workers are untouched.
+ * Worker starts, losses and replacements are logged to the
+ * {@link System.Logger} named {@code com.quorbit.ambrix.pool}.
+ *
+ * <p>Workers talk to the pool over their standard input and output, which
+ * no other process can reach, and end by themselves when the pool's JVM
+ * ends, however it ends.
+ */
+public final class EnginePool implements AutoCloseable {
+    static final System.Logger LOG = System.getLogger("com.quorbit.ambrix.pool");
+
+    /** The worker JVM's options unless javaOptions adds its own after them. */
+    static final java.util.List<String> DEFAULT_JAVA_OPTIONS = java.util.List.of("-Xmx64m", "-Xss1m",
+            "-XX:+UseSerialGC", "-XX:TieredStopAtLevel=1", "-XX:CICompilerCount=1", "-XX:ReservedCodeCacheSize=16m",
+            "-XX:MaxMetaspaceSize=64m", "-XX:+DisplayVMOutputToStderr", "-XX:-CreateCoredumpOnCrash",
+            "-XX:-UsePerfData");
+    private static final String[] FORWARDED = {"ambrix.library.path", "ambrix.kernel", "ambrix.tmpdir",
+        "java.library.path", "java.io.tmpdir"};
+
+    private final Builder settings;
+    private final java.util.List<String> command;
+    /** The folder of the workers' sockets, which only this user can open. */
+    private final Path socketFolder;
+    private final AtomicLong sockets = new AtomicLong();
+    private final Path errorFile;
+    private final ScheduledExecutorService timer;
+    private final AtomicLong ids = new AtomicLong();
+    private final Object lock = new Object();
+    /** Guarded by lock. */
+    private final ArrayDeque<Object> waiting = new ArrayDeque<>();  // Task or CompletableFuture<Worker>
+    private final ArrayDeque<Worker> idle = new ArrayDeque<>();
+    private final java.util.List<Worker> workers = new ArrayList<>();
+    private int starting;
+    private boolean closed;
+
+    private EnginePool(Builder b) {
+        settings = b;
+        errorFile = Path.of(System.getProperty("java.io.tmpdir"), "ambrix-worker-%p.log");
+        command = command(b, errorFile);
+        try {
+            socketFolder = Files.createTempDirectory("ambrix-pool-",
+                    PosixFilePermissions.asFileAttribute(PosixFilePermissions.fromString("rwx------")));
+        } catch (IOException e) {
+            throw new VexelException("cannot make the pool's socket folder: " + e.getMessage());
+        }
+        timer = Executors.newSingleThreadScheduledExecutor(r -> {
+            Thread t = new Thread(r, "ambrix-pool-timer");
+            t.setDaemon(true);
+            return t;
+        });
+    }
+
+    /** A builder with the defaults: as many workers as processors, no limits. */
+    public static Builder builder() {
+        return new Builder();
+    }
+
+    /** The settings of a pool. */
+    public static final class Builder {
+        private int workers = Runtime.getRuntime().availableProcessors();
+        private java.util.List<String> kernelArguments = java.util.List.of("-q");
+        private java.util.List<String> initialize = java.util.List.of();
+        private Duration timeLimit;
+        private Duration graceTime = Duration.ofSeconds(1);
+        private long memoryLimit;
+        private java.util.List<String> javaOptions = java.util.List.of();
+        private boolean resetEveryTask = true;
+
+        private Builder() {
+        }
+
+        /** The number of worker processes, at least 1. */
+        public Builder workers(int n) {
+            if (n < 1) {
+                throw new IllegalArgumentException("workers must be at least 1, not " + n);
+            }
+            workers = n;
+            return this;
+        }
+
+        /** Each kernel's start arguments (default: "-q"). */
+        public Builder kernelArguments(String... args) {
+            kernelArguments = java.util.List.of(args);
+            return this;
+        }
+
+        /** Statements run at each kernel's start and after each reset. */
+        public Builder initialize(String... statements) {
+            initialize = java.util.List.of(statements);
+            return this;
+        }
+
+        /** The default time limit of a task; none unless set. */
+        public Builder timeLimit(Duration limit) {
+            timeLimit = positive(limit, "timeLimit");
+            return this;
+        }
+
+        /** How long an interrupted task may take to end before its worker is killed (default 1 s). */
+        public Builder graceTime(Duration grace) {
+            if (grace == null || grace.isNegative()) {
+                throw new IllegalArgumentException("graceTime must be zero or more");
+            }
+            graceTime = grace;
+            return this;
+        }
+
+        /** The resident memory a worker process may take, in bytes; none unless set. */
+        public Builder memoryLimit(long bytes) {
+            if (bytes <= 0) {
+                throw new IllegalArgumentException("memoryLimit must be positive");
+            }
+            memoryLimit = bytes;
+            return this;
+        }
+
+        /** Options for each worker's JVM, after the pool's small defaults (a 64 MiB heap and the like). */
+        public Builder javaOptions(String... options) {
+            javaOptions = java.util.List.of(options);
+            return this;
+        }
+
+        /**
+         * Whether each submit or call runs in a fresh kernel (default true);
+         * false keeps definitions from task to task, for trusted batch work.
+         */
+        public Builder resetEveryTask(boolean reset) {
+            resetEveryTask = reset;
+            return this;
+        }
+
+        /**
+         * Starts the workers; returns once every one is ready.
+         *
+         * @throws VexelException when a worker does not start, with its reason
+         */
+        public EnginePool build() {
+            EnginePool pool = new EnginePool(this);
+            pool.startAll();
+            return pool;
+        }
+
+        private static Duration positive(Duration d, String what) {
+            if (d == null || d.isNegative() || d.isZero()) {
+                throw new IllegalArgumentException(what + " must be positive");
+            }
+            return d;
+        }
+    }
+
+    private static java.util.List<String> command(Builder b, Path errorFile) {
+        java.util.List<String> c = new ArrayList<>();
+        c.add(Worker.javaCommand());
+        c.addAll(DEFAULT_JAVA_OPTIONS);
+        c.add("-XX:ErrorFile=" + errorFile);
+        for (String p : FORWARDED) {
+            String v = System.getProperty(p);
+            if (v != null) {
+                c.add("-D" + p + "=" + v);
+            }
+        }
+        c.addAll(b.javaOptions);
+        c.add("-cp");
+        c.add(classPath());
+        c.add(WorkerMain.class.getName());
+        return c;
+    }
+
+    /** Where this class came from: ambrix.jar, or a folder of classes. */
+    static String classPath() {
+        try {
+            return new File(EnginePool.class.getProtectionDomain().getCodeSource().getLocation().toURI()).getPath();
+        } catch (URISyntaxException | RuntimeException e) {
+            return System.getProperty("java.class.path");
+        }
+    }
+
+    Duration graceTime() {
+        return settings.graceTime;
+    }
+
+    Duration timeLimit() {
+        return settings.timeLimit;
+    }
+
+    void schedule(Duration delay, Runnable action) {
+        try {
+            timer.schedule(action, delay.toNanos(), TimeUnit.NANOSECONDS);
+        } catch (java.util.concurrent.RejectedExecutionException e) {
+            // closed
+        }
+    }
+
+    // ---- workers ----
+
+    private void startAll() {
+        java.util.List<CompletableFuture<Worker>> started = new ArrayList<>();
+        for (int i = 0; i < settings.workers; i++) {
+            started.add(CompletableFuture.supplyAsync(this::startWorker));
+        }
+        try {
+            for (CompletableFuture<Worker> f : started) {
+                release(f.get());
+            }
+        } catch (ExecutionException e) {
+            close();
+            Throwable cause = e.getCause();
+            throw cause instanceof VexelException v ? v : new VexelException("a worker did not start: " + cause);
+        } catch (InterruptedException e) {
+            close();
+            Thread.currentThread().interrupt();
+            throw new VexelException("interrupted while the workers started");
+        }
+        if (settings.memoryLimit > 0) {
+            timer.scheduleAtFixedRate(this::sampleMemory, 50, 50, TimeUnit.MILLISECONDS);
+        }
+    }
+
+    /** Starts one worker and waits until its kernel is ready; it is not yet idle. */
+    private Worker startWorker() {
+        Worker w;
+        try {
+            w = new Worker(this, command, socketFolder.resolve("w" + sockets.incrementAndGet() + ".sock"),
+                    errorFile);
+        } catch (IOException e) {
+            throw new VexelException("cannot start a worker process: " + e.getMessage());
+        }
+        synchronized (lock) {
+            workers.add(w);
+        }
+        long id = ids.incrementAndGet();
+        Task init = new Task(id, Wire.INIT,
+                new Wire.Writer(Wire.INIT, id).strings(settings.kernelArguments).strings(settings.initialize), null,
+                false, false);
+        try {
+            w.start(init).get(60, TimeUnit.SECONDS);
+        } catch (ExecutionException e) {
+            w.kill("did not start");
+            Throwable cause = e.getCause();
+            throw new VexelException("a worker did not start: " + cause.getMessage());
+        } catch (TimeoutException e) {
+            w.kill("did not start within 60 s");
+            throw new VexelException("a worker did not start within 60 s");
+        } catch (InterruptedException e) {
+            w.kill("did not start");
+            Thread.currentThread().interrupt();
+            throw new VexelException("interrupted while a worker started");
+        }
+        w.ready = true;
+        LOG.log(Level.DEBUG, "worker " + w.pid() + " started in "
+                + TimeUnit.NANOSECONDS.toMillis(System.nanoTime() - w.started) + " ms");
+        return w;
+    }
+
+    private void sampleMemory() {
+        java.util.List<Worker> all;
+        synchronized (lock) {
+            all = new ArrayList<>(workers);
+        }
+        for (Worker w : all) {
+            long rss = w.residentBytes();
+            if (rss > settings.memoryLimit && w.alive()) {
+                w.kill("memory limit of " + (settings.memoryLimit >> 20) + " MiB passed");
+            }
+        }
+    }
+
+    /** A worker has finished a task (called on its reader thread). */
+    void finished(Worker w, Task task) {
+        if (task.kind == Wire.RESET && task.future.isCompletedExceptionally()) {
+            // Its kernel did not come back as the pool set it up: a new worker takes its place.
+            w.kill("the reset failed: " + task.future.handle((v, e) -> String.valueOf(e.getMessage())).join());
+            return;
+        }
+        if (!task.pooled) {
+            return;
+        }
+        if (task.resetAfter) {
+            w.run(resetTask());
+            return;
+        }
+        release(w);
+    }
+
+    private Task resetTask() {
+        long id = ids.incrementAndGet();
+        return new Task(id, Wire.RESET, new Wire.Writer(Wire.RESET, id), null, false, true);
+    }
+
+    /** A worker is free: it takes the next waiting request, or waits itself. */
+    private void release(Worker w) {
+        Task next = null;
+        CompletableFuture<Worker> sessionRequest = null;
+        synchronized (lock) {
+            if (closed) {
+                return;
+            }
+            Object request = waiting.poll();
+            if (request == null) {
+                idle.add(w);
+                return;
+            }
+            if (request instanceof Task t) {
+                next = t;
+            } else {
+                @SuppressWarnings("unchecked")
+                CompletableFuture<Worker> f = (CompletableFuture<Worker>) request;
+                sessionRequest = f;
+            }
+        }
+        if (next != null) {
+            if (!w.run(next)) {
+                dispatch(next, true);
+            }
+        } else if (!sessionRequest.complete(w)) {
+            release(w);
+        }
+    }
+
+    /** A worker's process ended: its task has failed; a new worker takes its place. */
+    void lost(Worker w, WorkerLostException e) {
+        boolean replace;
+        synchronized (lock) {
+            workers.remove(w);
+            idle.remove(w);
+            // A worker that never became ready is not replaced: its start failed.
+            replace = !closed && w.ready;
+            if (replace) {
+                starting++;
+            }
+        }
+        Session s = w.session;
+        if (s != null) {
+            s.lost(e);
+        }
+        if (!replace) {
+            return;
+        }
+        LOG.log(Level.WARNING, "worker " + w.pid() + " lost: " + e.getMessage());
+        CompletableFuture.supplyAsync(this::startWorker).whenComplete((fresh, failure) -> {
+            if (fresh != null) {
+                LOG.log(Level.INFO, "worker " + fresh.pid() + " replaced worker " + w.pid());
+                boolean late;
+                synchronized (lock) {
+                    late = closed;
+                }
+                if (late) {
+                    fresh.stop("pool closed", Duration.ZERO);
+                } else {
+                    release(fresh);
+                }
+            } else {
+                LOG.log(Level.ERROR, "worker " + w.pid() + " could not be replaced: " + failure);
+            }
+            synchronized (lock) {
+                starting--;
+                lock.notifyAll();
+            }
+        });
+    }
+
+    // ---- requests ----
+
+    /** A statement's task: a pooled one resets its worker after it (as settings say) and frees it. */
+    Task evalTask(String statement, Duration limit, boolean pooled) {
+        if (statement == null) {
+            throw new VexelException("Statement is NULL");
+        }
+        long id = ids.incrementAndGet();
+        return new Task(id, Wire.EVAL, new Wire.Writer(Wire.EVAL, id).string(statement), limit,
+                pooled && settings.resetEveryTask, pooled);
+    }
+
+    Task callTask(String procedure, Object[] args, Duration limit, boolean pooled) {
+        if (procedure == null) {
+            throw new VexelException("Procedure name is NULL");
+        }
+        long id = ids.incrementAndGet();
+        Wire.Writer w = new Wire.Writer(Wire.CALL, id).string(procedure)
+                .value(Arrays.asList(args == null ? new Object[0] : args));
+        return new Task(id, Wire.CALL, w, limit, pooled && settings.resetEveryTask, pooled);
+    }
+
+    /** A session's request for help text. */
+    Task helpTask(String topic, int section, int width) {
+        if (topic == null) {
+            throw new VexelException("Topic is NULL");
+        }
+        long id = ids.incrementAndGet();
+        return new Task(id, Wire.HELP, new Wire.Writer(Wire.HELP, id).string(topic).number(section).number(width),
+                null, false, false);
+    }
+
+    /**
+     * Evaluates statements on a free worker, with the pool's default time
+     * limit. The future completes with the {@link Result}, or exceptionally
+     * with a {@link VexelException}: the kernel's error, "time limit of ...
+     * passed", or a {@link WorkerLostException}.
+     */
+    public CompletableFuture<Result> submit(String statement) {
+        return submit(statement, settings.timeLimit);
+    }
+
+    /** As {@link #submit(String)}, with this time limit (null for none). */
+    public CompletableFuture<Result> submit(String statement, Duration timeLimit) {
+        Task t = evalTask(statement, timeLimit, true);
+        dispatch(t, false);
+        return t.future.thenApply(Result.class::cast);
+    }
+
+    /**
+     * Calls the kernel procedure of that name on a free worker; the
+     * arguments are converted as {@code Engine.toKernel} does, and the
+     * result as {@code Algebraic.toJava()} does (null where it has no Java
+     * form). Failures as for {@link #submit(String)}.
+     *
+     * @throws VexelException at once for an argument that cannot be sent
+     */
+    public CompletableFuture<Object> call(String procedure, Object... args) {
+        Task t = callTask(procedure, args, settings.timeLimit, true);
+        dispatch(t, false);
+        return t.future;
+    }
+
+    /**
+     * Runs the task on a free worker, or puts it in line: first in line for
+     * a task that met a worker as it ended.
+     */
+    private void dispatch(Task t, boolean first) {
+        Worker w;
+        synchronized (lock) {
+            if (closed) {
+                t.future.completeExceptionally(closedError());
+                return;
+            }
+            w = idle.poll();
+            if (w == null) {
+                if (first) {
+                    waiting.addFirst(t);
+                } else {
+                    waiting.add(t);
+                }
+                return;
+            }
+        }
+        if (!w.run(t)) {
+            dispatch(t, true);
+        }
+    }
+
+    /**
+     * Takes a worker for a session of statements that share definitions;
+     * waits for one to be free.
+     *
+     * @throws VexelException when the pool is closed
+     */
+    public Session session() {
+        CompletableFuture<Worker> request = new CompletableFuture<>();
+        Worker w;
+        synchronized (lock) {
+            if (closed) {
+                throw closedError();
+            }
+            w = idle.poll();
+            if (w == null) {
+                waiting.add(request);
+            }
+        }
+        try {
+            if (w == null) {
+                w = request.get();
+            }
+        } catch (ExecutionException e) {
+            throw e.getCause() instanceof VexelException v ? v : new VexelException(String.valueOf(e.getCause()));
+        } catch (InterruptedException e) {
+            request.cancel(false);
+            Thread.currentThread().interrupt();
+            throw new VexelException("interrupted while waiting for a worker");
+        }
+        Session s = new Session(this, w);
+        w.session = s;
+        return s;
+    }
+
+    /** A session ends: its worker is reset, then free again. */
+    void endSession(Worker w) {
+        w.session = null;
+        if (w.alive()) {
+            w.run(resetTask());
+        }
+    }
+
+    private static WorkerLostException closedError() {
+        return new WorkerLostException("pool closed", java.util.List.of());
+    }
+
+    /** The process ids of the workers alive now. */
+    public java.util.List<Long> workerPids() {
+        synchronized (lock) {
+            return workers.stream().map(Worker::pid).toList();
+        }
+    }
+
+    /**
+     * Fails the tasks still running or queued with "pool closed", and ends
+     * every worker: its input is closed, and after the grace time it is
+     * killed. Returns once no worker is left. A second close does nothing.
+     */
+    @Override
+    public void close() {
+        java.util.List<Worker> all;
+        java.util.List<Object> queued;
+        synchronized (lock) {
+            if (closed) {
+                return;
+            }
+            closed = true;
+            all = new ArrayList<>(workers);
+            queued = new ArrayList<>(waiting);
+            waiting.clear();
+            idle.clear();
+        }
+        WorkerLostException closedPool = closedError();
+        for (Object request : queued) {
+            if (request instanceof Task t) {
+                t.future.completeExceptionally(closedPool);
+            } else {
+                ((CompletableFuture<?>) request).completeExceptionally(closedPool);
+            }
+        }
+        java.util.List<Thread> stopping = new ArrayList<>();
+        for (Worker w : all) {
+            Thread t = new Thread(() -> w.stop("pool closed", settings.graceTime), "ambrix-pool-close");
+            t.start();
+            stopping.add(t);
+        }
+        for (Thread t : stopping) {
+            try {
+                t.join();
+            } catch (InterruptedException e) {
+                Thread.currentThread().interrupt();
+            }
+        }
+        // Replacements that were starting end as soon as they are ready.
+        synchronized (lock) {
+            while (starting > 0) {
+                try {
+                    lock.wait();
+                } catch (InterruptedException e) {
+                    Thread.currentThread().interrupt();
+                    break;
+                }
+            }
+        }
+        timer.shutdownNow();
+        try {
+            Files.deleteIfExists(socketFolder);
+        } catch (IOException e) {
+            // a socket of a worker that is still starting
+        }
+    }
+}

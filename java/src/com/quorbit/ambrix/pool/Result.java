@@ -1,0 +1,16 @@
+package com.quorbit.ambrix.pool;
+
+import java.time.Duration;
+
+/**
+ * What a task gave: its value printed and converted, and what the kernel
+ * printed while it ran.
+ *
+ * @param text    the value as the shell prints it; empty for a statement that prints nothing
+ * @param value   the value converted to Java as {@code Algebraic.toJava()} does it, or null
+ *                where it has no Java form
+ * @param output  the lines the kernel printed during the task
+ * @param elapsed how long the kernel took
+ */
+public record Result(String text, Object value, java.util.List<String> output, Duration elapsed) {
+}

@@ -1,0 +1,132 @@
+package com.quorbit.ambrix.pool;
+
+import com.quorbit.externalcall.VexelException;
+import java.time.Duration;
+import java.util.concurrent.CompletionException;
+import java.util.concurrent.ExecutionException;
+
+/**
+ * One worker of a pool, kept for a series of statements whose definitions
+ * carry from one to the next, until {@link #close()}. Its worker is reset
+ * before it serves anyone else. The calls block; {@link #interrupt()} may
+ * come from any thread. Once its worker is lost, every call throws the
+ * {@link WorkerLostException} that reported the loss.
+ */
+public final class Session implements AutoCloseable {
+    private final EnginePool pool;
+    private final Worker worker;
+    private volatile Task running;
+    private volatile WorkerLostException lost;
+    private boolean closed;
+
+    Session(EnginePool pool, Worker worker) {
+        this.pool = pool;
+        this.worker = worker;
+    }
+
+    /**
+     * Evaluates statements in this session's kernel, with the pool's
+     * default time limit.
+     *
+     * @throws VexelException the kernel's error; "time limit of ... passed";
+     *         a {@link WorkerLostException} when the worker was lost
+     */
+    public Result evaluate(String statement) {
+        return evaluate(statement, pool.timeLimit());
+    }
+
+    /** As {@link #evaluate(String)}, with this time limit (null for none). */
+    public Result evaluate(String statement, Duration timeLimit) {
+        return (Result) await(pool.evalTask(statement, timeLimit, false));
+    }
+
+    /**
+     * Calls the kernel procedure of that name with the arguments converted
+     * as {@code Engine.toKernel} does, and returns the result converted as
+     * {@code Algebraic.toJava()} does (null where it has no Java form).
+     */
+    public Object call(String procedure, Object... args) {
+        return await(pool.callTask(procedure, args, pool.timeLimit(), false));
+    }
+
+    /**
+     * The kernel's help on a topic, as plain text wrapped to the width
+     * (none for 0 or less), as {@code Engine.getHelpText} gives it.
+     *
+     * @param section one of {@code Engine}'s {@code VEXEL_HELP_*} constants
+     * @throws VexelException "no help for ..." for an unknown topic
+     */
+    public String help(String topic, int section, int width) {
+        return ((Result) await(pool.helpTask(topic, section, width))).text();
+    }
+
+    /**
+     * Kills this session's worker process at once, for a computation that
+     * does not end when interrupted; the pool starts a new worker. The
+     * running call, and every later one, throws a
+     * {@link WorkerLostException} "kernel process ended: killed on request".
+     */
+    public void kill() {
+        worker.kill("killed on request");
+    }
+
+    /** Ends the statement running in this session now, if any; from any thread. */
+    public void interrupt() {
+        Task task = running;
+        if (task != null) {
+            worker.interrupt(task);
+        }
+    }
+
+    private synchronized Object await(Task task) {
+        if (lost != null) {
+            throw lost;
+        }
+        if (closed) {
+            throw new VexelException("Session is closed");
+        }
+        running = task;
+        if (!worker.run(task)) {
+            lost = worker.lostException();
+            throw lost;
+        }
+        try {
+            return task.future.get();
+        } catch (ExecutionException | CompletionException e) {
+            Throwable cause = e.getCause();
+            if (cause instanceof WorkerLostException w) {
+                lost = w;
+                throw w;
+            }
+            if (cause instanceof RuntimeException r) {
+                throw r;
+            }
+            throw new VexelException(String.valueOf(cause));
+        } catch (InterruptedException e) {
+            Thread.currentThread().interrupt();
+            worker.interrupt(task);
+            throw new VexelException("interrupted while waiting for the worker");
+        } finally {
+            running = null;
+        }
+    }
+
+    /** Called by the pool when this session's worker is lost. */
+    void lost(WorkerLostException e) {
+        if (lost == null) {
+            lost = e;
+        }
+    }
+
+    /** Gives the worker back to the pool, which resets its kernel first. A second close does nothing. */
+    @Override
+    public synchronized void close() {
+        if (closed) {
+            return;
+        }
+        closed = true;
+        if (lost == null) {
+            pool.endSession(worker);
+        }
+    }
+}

@@ -1,0 +1,65 @@
+package com.quorbit.ambrix.pool;
+
+import com.quorbit.externalcall.VexelException;
+import java.math.BigDecimal;
+import java.time.Duration;
+import java.util.concurrent.CompletableFuture;
+
+/** One request to a worker: its frame, its time limit, and the future it completes. */
+final class Task {
+    final long id;
+    final byte kind;
+    final Wire.Writer frame;
+    final Duration limit;          // null: none
+    /** Whether the worker restarts its kernel after this task. */
+    final boolean resetAfter;
+    /**
+     * Whether the worker goes back to the pool after this task: true for
+     * submit, call and a reset, false for a session's tasks and a start.
+     * Decided by the task, not by the worker's state when it ends, which a
+     * session's close on another thread may have changed.
+     */
+    final boolean pooled;
+    final CompletableFuture<Object> future = new CompletableFuture<>();
+    /** Set once the limit passed and the worker was asked to interrupt. */
+    volatile boolean limitPassed;
+
+    Task(long id, byte kind, Wire.Writer frame, Duration limit, boolean resetAfter, boolean pooled) {
+        this.id = id;
+        this.kind = kind;
+        this.frame = frame;
+        this.limit = limit;
+        this.resetAfter = resetAfter;
+        this.pooled = pooled;
+    }
+
+    /** Completes the task from the worker's answer. */
+    void answer(Wire.Frame reply) throws Wire.WireException {
+        Wire.Reader values = reply.values();
+        switch (reply.kind()) {
+            case Wire.RESULT -> {
+                String text = values.string();
+                Object value = values.value();
+                java.util.List<String> output = values.strings();
+                Duration elapsed = Duration.ofNanos(values.number());
+                future.complete(kind == Wire.CALL ? value : new Result(text, value, output, elapsed));
+            }
+            case Wire.ERROR -> {
+                VexelException failure = new VexelException(values.string());
+                if (limitPassed) {
+                    VexelException e = new VexelException("time limit of " + seconds(limit) + " passed");
+                    e.initCause(failure);
+                    failure = e;
+                }
+                future.completeExceptionally(failure);
+            }
+            default -> future.complete(null);
+        }
+    }
+
+    /** A duration as "0.2 s". */
+    static String seconds(Duration d) {
+        BigDecimal s = BigDecimal.valueOf(d.getSeconds()).add(BigDecimal.valueOf(d.getNano(), 9));
+        return s.stripTrailingZeros().toPlainString() + " s";
+    }
+}

@@ -1,0 +1,258 @@
+package com.quorbit.ambrix.pool;
+
+import com.quorbit.ambrix.Algebraic;
+import com.quorbit.ambrix.Engine;
+import com.quorbit.ambrix.EngineCallBacksDefault;
+import com.quorbit.externalcall.VexelException;
+import java.io.DataInputStream;
+import java.io.IOException;
+import java.io.OutputStream;
+import java.net.UnixDomainSocketAddress;
+import java.nio.channels.SocketChannel;
+import java.util.ArrayList;
+import java.util.concurrent.ExecutorService;
+import java.util.concurrent.Executors;
+
+/**
+ * A pool's worker: a child JVM whose kernel runs the pool's tasks. It
+ * connects to the Unix-domain socket its one argument names, in a folder
+ * only the user can open, and reads frames there and answers there. The end
+ * of its input means the pool is gone, even killed: the worker then halts at
+ * once, so no kernel outlives its pool.
+ *
+ * <p>Started by {@link EnginePool}; not for use on its own. With a second
+ * argument {@code --echo} it only sends back every frame it reads, with no
+ * kernel (the benchmark's floor).
+ */
+public final class WorkerMain {
+    private final OutputStream out;
+    private final DataInputStream in;
+    private final ExecutorService runner = Executors.newSingleThreadExecutor(r -> {
+        Thread t = new Thread(r, "ambrix-worker-task");
+        t.setDaemon(true);
+        return t;
+    });
+    private Engine engine;
+    private java.util.List<String> initialize = java.util.List.of();
+    /** The task running now, 0 for none: an interrupt for another is dropped. */
+    private volatile long current;
+    private final Capture capture = new Capture();
+
+    private WorkerMain(OutputStream out, DataInputStream in) {
+        this.out = out;
+        this.in = in;
+    }
+
+    /** Collects what the kernel prints during a task; errors become exceptions. */
+    private static final class Capture extends EngineCallBacksDefault {
+        final java.util.List<String> lines = new ArrayList<>();
+
+        @Override
+        public void textCallBack(Object data, int tag, String output) {
+            String text = shownText(tag, output.endsWith("\n") ? output.substring(0, output.length() - 1) : output);
+            lines.addAll(java.util.Arrays.asList(text.split("\n", -1)));
+        }
+
+        @Override
+        public String readLineCallBack(Object data, boolean debug) {
+            throw new VexelException("a worker has no input to read");
+        }
+    }
+
+    public static void main(String[] args) throws IOException {
+        if (args.length < 1) {
+            System.err.println("ambrix worker: started without a pool");
+            Runtime.getRuntime().halt(2);
+        }
+        SocketChannel socket = SocketChannel.open(UnixDomainSocketAddress.of(args[0]));
+        WorkerMain worker = new WorkerMain(Wire.output(socket), Wire.input(socket));
+        try {
+            if (args.length == 2 && args[1].equals("--echo")) {
+                worker.echo();
+            } else {
+                worker.serve();
+            }
+        } catch (Wire.WireException e) {
+            System.err.println("ambrix worker: " + e.getMessage());
+            Runtime.getRuntime().halt(3);
+        } catch (IOException e) {
+            System.err.println("ambrix worker: the pool's channel failed: " + e);
+            Runtime.getRuntime().halt(3);
+        }
+        // The pool is gone (or asked the worker to end by closing its input).
+        Runtime.getRuntime().halt(0);
+    }
+
+    private void echo() throws IOException {
+        for (Wire.Frame f = Wire.read(in); f != null; f = Wire.read(in)) {
+            new Wire.Writer(f.kind(), f.task()).raw(f.payload()).send(out);
+        }
+    }
+
+    /** Reads frames until the input ends; tasks run on the runner, interrupts here. */
+    private void serve() throws IOException {
+        for (Wire.Frame f = Wire.read(in); f != null; f = Wire.read(in)) {
+            Wire.Frame frame = f;
+            switch (f.kind()) {
+                case Wire.INTERRUPT -> {
+                    if (current == f.task() && engine != null) {
+                        engine.interrupt();
+                    }
+                }
+                case Wire.ECHO -> send(new Wire.Writer(Wire.ECHO, f.task()).raw(f.payload()));
+                case Wire.INIT, Wire.EVAL, Wire.CALL, Wire.RESET, Wire.HELP -> {
+                    Wire.Reader values = f.values();
+                    Task task = task(frame, values);
+                    runner.execute(() -> run(frame.task(), task));
+                }
+                default -> throw new Wire.WireException("malformed frame: unknown kind " + f.kind());
+            }
+        }
+    }
+
+    /** What one frame asks for, decoded before it is queued. */
+    private interface Task {
+        Wire.Writer run(long id);
+    }
+
+    private Task task(Wire.Frame f, Wire.Reader values) throws Wire.WireException {
+        Task task;
+        switch (f.kind()) {
+            case Wire.INIT -> {
+                java.util.List<String> kernelArgs = values.strings();
+                java.util.List<String> init = values.strings();
+                task = id -> start(id, kernelArgs, init);
+            }
+            case Wire.EVAL -> {
+                String statement = values.string();
+                task = id -> evaluate(id, statement);
+            }
+            case Wire.CALL -> {
+                String name = values.string();
+                Object[] args = values.arguments();
+                task = id -> call(id, name, args);
+            }
+            case Wire.HELP -> {
+                String topic = values.string();
+                int section = (int) values.number();
+                long width = values.number();
+                task = id -> help(id, topic, section, (int) Math.max(0, Math.min(width, 1000)));
+            }
+            default -> task = this::reset;
+        }
+        if (!values.atEnd()) {
+            throw new Wire.WireException("malformed frame: bytes after the payload");
+        }
+        return task;
+    }
+
+    private void run(long id, Task task) {
+        Wire.Writer reply;
+        current = id;
+        capture.lines.clear();
+        try {
+            reply = task.run(id);
+        } catch (RuntimeException e) {
+            reply = new Wire.Writer(Wire.ERROR, id).string(String.valueOf(e.getMessage())).strings(capture.lines);
+        } finally {
+            current = 0;
+        }
+        send(reply);
+    }
+
+    private void send(Wire.Writer w) {
+        try {
+            synchronized (out) {
+                w.send(out);
+            }
+        } catch (IOException e) {
+            // The pool is gone.
+            Runtime.getRuntime().halt(0);
+        }
+    }
+
+    private Wire.Writer start(long id, java.util.List<String> kernelArgs, java.util.List<String> init) {
+        engine = new Engine(kernelArgs.toArray(new String[0]), capture, null);
+        initialize = init;
+        runInitialize();
+        return new Wire.Writer(Wire.READY, id);
+    }
+
+    private void runInitialize() {
+        for (String statement : initialize) {
+            engine.evaluate(statement);
+        }
+    }
+
+    private Wire.Writer reset(long id) {
+        engine.restart();
+        runInitialize();
+        return new Wire.Writer(Wire.DONE, id);
+    }
+
+    private Wire.Writer evaluate(long id, String statement) {
+        long start = System.nanoTime();
+        Algebraic result = engine.evaluate(statement);
+        long elapsed = System.nanoTime() - start;
+        java.util.List<String> lines = new ArrayList<>(capture.lines);
+        String text = "";
+        if (result != null && printsItsValue(statement)) {
+            text = result.toString();
+            // The kernel printed the value as the last of its output.
+            if (!lines.isEmpty() && lines.get(lines.size() - 1).equals(text)) {
+                lines.remove(lines.size() - 1);
+            }
+        }
+        return answer(id, text, javaValue(result), lines, elapsed);
+    }
+
+    private Wire.Writer call(long id, String name, Object[] args) {
+        long start = System.nanoTime();
+        Object value = engine.call(name, args);
+        long elapsed = System.nanoTime() - start;
+        String text = value == null ? "" : String.valueOf(value);
+        return answer(id, text, sendable(value) ? value : null, capture.lines, elapsed);
+    }
+
+    /** Help on a topic as plain text, its attributes dropped. */
+    private Wire.Writer help(long id, String topic, int section, int width) {
+        return answer(id, engine.getHelpText(topic, section, width), null, capture.lines, 0);
+    }
+
+    /** A task's answer: its text, its value, the lines printed meanwhile and the time it took. */
+    private static Wire.Writer answer(long id, String text, Object value, java.util.List<String> lines, long elapsed) {
+        return new Wire.Writer(Wire.RESULT, id).string(text).value(value).strings(lines).number(elapsed);
+    }
+
+    /** True when the statement's last terminator is ";" (or there is none), as the kernel prints it. */
+    static boolean printsItsValue(String statement) {
+        String s = statement.strip();
+        return !s.endsWith(":");
+    }
+
+    private static Object javaValue(Algebraic result) {
+        if (result == null) {
+            return null;
+        }
+        try {
+            Object v = result.toJava();
+            return sendable(v) ? v : null;
+        } catch (VexelException e) {
+            return null;
+        }
+    }
+
+    /** True for a value that has a Java form other than a kernel value, all the way down. */
+    private static boolean sendable(Object v) {
+        if (v instanceof Algebraic) {
+            return false;
+        }
+        if (v instanceof java.util.List<?> l) {
+            return l.stream().allMatch(WorkerMain::sendable);
+        }
+        if (v instanceof java.util.Map<?, ?> m) {
+            return m.entrySet().stream().allMatch(e -> sendable(e.getKey()) && sendable(e.getValue()));
+        }
+        return true;
+    }
+}

@@ -1,0 +1,166 @@
+package com.quorbit.ambrix.jupyter;
+
+import com.google.gson.Gson;
+import com.google.gson.JsonObject;
+import com.google.gson.JsonParser;
+import java.nio.charset.StandardCharsets;
+import java.security.InvalidKeyException;
+import java.security.MessageDigest;
+import java.security.NoSuchAlgorithmException;
+import java.time.Instant;
+import java.util.ArrayList;
+import java.util.HexFormat;
+import java.util.UUID;
+import javax.crypto.Mac;
+import javax.crypto.spec.SecretKeySpec;
+import org.zeromq.ZMQ;
+
+/**
+ * The wire side of the messaging protocol: a message is the routing
+ * identities, the delimiter, the HMAC-SHA256 signature of the four JSON
+ * parts (header, parent header, metadata, content), those parts, and any
+ * binary buffers. A message whose signature does not match is dropped and
+ * logged, never acted on.
+ */
+final class Channels {
+    static final String PROTOCOL_VERSION = "5.3";
+    private static final byte[] DELIMITER = "<IDS|MSG>".getBytes(StandardCharsets.US_ASCII);
+    private static final Gson GSON = new Gson();
+
+    private final byte[] key;
+    private final String session = UUID.randomUUID().toString();
+    private final ThreadLocal<Mac> macs;
+
+    /** One message as received or to be sent. */
+    static final class Message {
+        final java.util.List<byte[]> identities;
+        final JsonObject header;
+        final JsonObject parent;
+        final JsonObject metadata;
+        final JsonObject content;
+
+        Message(java.util.List<byte[]> identities, JsonObject header, JsonObject parent, JsonObject metadata,
+                JsonObject content) {
+            this.identities = identities;
+            this.header = header;
+            this.parent = parent;
+            this.metadata = metadata;
+            this.content = content;
+        }
+
+        String type() {
+            return header.has("msg_type") ? header.get("msg_type").getAsString() : "";
+        }
+
+        String id() {
+            return header.has("msg_id") ? header.get("msg_id").getAsString() : "";
+        }
+    }
+
+    Channels(String signingKey, String scheme) {
+        key = signingKey == null ? new byte[0] : signingKey.getBytes(StandardCharsets.UTF_8);
+        if (key.length > 0 && !"hmac-sha256".equals(scheme)) {
+            throw new IllegalArgumentException("unsupported signature scheme " + scheme);
+        }
+        macs = ThreadLocal.withInitial(() -> {
+            try {
+                Mac mac = Mac.getInstance("HmacSHA256");
+                mac.init(new SecretKeySpec(key.length == 0 ? new byte[1] : key, "HmacSHA256"));
+                return mac;
+            } catch (NoSuchAlgorithmException | InvalidKeyException e) {
+                throw new IllegalStateException(e);
+            }
+        });
+    }
+
+    private byte[] sign(byte[]... parts) {
+        if (key.length == 0) {
+            return new byte[0];
+        }
+        Mac mac = macs.get();
+        for (byte[] p : parts) {
+            mac.update(p);
+        }
+        return HexFormat.of().formatHex(mac.doFinal()).getBytes(StandardCharsets.US_ASCII);
+    }
+
+    /**
+     * Receives one message; null when it was dropped (a bad signature, or
+     * parts that are not a message), after logging why.
+     */
+    Message receive(ZMQ.Socket socket) {
+        java.util.List<byte[]> frames = new ArrayList<>();
+        do {
+            frames.add(socket.recv(0));
+        } while (socket.hasReceiveMore());
+        int at = -1;
+        for (int i = 0; i < frames.size(); i++) {
+            if (java.util.Arrays.equals(frames.get(i), DELIMITER)) {
+                at = i;
+                break;
+            }
+        }
+        if (at < 0 || frames.size() < at + 6) {
+            System.err.println("vexel kernel: dropped a message that is not in the protocol's form");
+            return null;
+        }
+        byte[] signature = frames.get(at + 1);
+        byte[] header = frames.get(at + 2);
+        byte[] parent = frames.get(at + 3);
+        byte[] metadata = frames.get(at + 4);
+        byte[] content = frames.get(at + 5);
+        if (key.length > 0 && !MessageDigest.isEqual(signature, sign(header, parent, metadata, content))) {
+            System.err.println("vexel kernel: dropped a message with a bad signature");
+            return null;
+        }
+        try {
+            return new Message(new ArrayList<>(frames.subList(0, at)), json(header), json(parent), json(metadata),
+                    json(content));
+        } catch (RuntimeException e) {
+            System.err.println("vexel kernel: dropped a message whose JSON does not parse: " + e.getMessage());
+            return null;
+        }
+    }
+
+    private static JsonObject json(byte[] bytes) {
+        return JsonParser.parseString(new String(bytes, StandardCharsets.UTF_8)).getAsJsonObject();
+    }
+
+    /** A new header of this kernel's session. */
+    JsonObject header(String type) {
+        JsonObject h = new JsonObject();
+        h.addProperty("msg_id", UUID.randomUUID().toString());
+        h.addProperty("session", session);
+        h.addProperty("username", "vexel");
+        h.addProperty("date", Instant.now().toString());
+        h.addProperty("msg_type", type);
+        h.addProperty("version", PROTOCOL_VERSION);
+        return h;
+    }
+
+    /**
+     * Sends a message of the type, in reply to `parent` (null for none), to
+     * the given identities (the parent's for a reply; a topic on iopub).
+     */
+    void send(ZMQ.Socket socket, String type, JsonObject content, Message parent, java.util.List<byte[]> to) {
+        byte[] header = bytes(header(type));
+        byte[] parentHeader = bytes(parent == null ? new JsonObject() : parent.header);
+        byte[] metadata = bytes(new JsonObject());
+        byte[] body = bytes(content);
+        synchronized (socket) {
+            for (byte[] id : to) {
+                socket.sendMore(id);
+            }
+            socket.sendMore(DELIMITER);
+            socket.sendMore(sign(header, parentHeader, metadata, body));
+            socket.sendMore(header);
+            socket.sendMore(parentHeader);
+            socket.sendMore(metadata);
+            socket.send(body, 0);
+        }
+    }
+
+    private static byte[] bytes(JsonObject o) {
+        return GSON.toJson(o).getBytes(StandardCharsets.UTF_8);
+    }
+}

@@ -1,0 +1,696 @@
+package com.quorbit.ambrix.jupyter;
+
+import com.google.gson.JsonArray;
+import com.google.gson.JsonElement;
+import com.google.gson.JsonObject;
+import com.google.gson.JsonParser;
+import com.quorbit.ambrix.Algebraic;
+import com.quorbit.ambrix.Engine;
+import com.quorbit.ambrix.EngineCallBacksDefault;
+import com.quorbit.ambrix.shell.StatementScanner;
+import com.quorbit.externalcall.VexelException;
+import java.io.IOException;
+import java.nio.charset.StandardCharsets;
+import java.nio.file.Files;
+import java.nio.file.Path;
+import java.util.ArrayList;
+import java.util.List;
+import java.util.regex.Pattern;
+import org.zeromq.ZMQ;
+
+/**
+ * Vexel in Jupyter: a kernel that speaks the Jupyter messaging protocol
+ * (version 5.3) over ZeroMQ, on one {@link Engine}.
+ *
+ * <pre>
+ * java -cp ambrix.jar:vexelshell.jar:vexeljupyter.jar:jeromq.jar:gson.jar \
+ *     com.quorbit.ambrix.jupyter.VexelKernel CONNECTION_FILE
+ * </pre>
+ *
+ * <p>The shell channel's requests run one at a time on the main thread,
+ * which alone evaluates; the control channel (interrupt, shutdown) and the
+ * heartbeat have threads of their own, so that an interrupt reaches a
+ * running cell. SIGINT interrupts as an interrupt request does.
+ */
+public final class VexelKernel {
+    private static final Pattern NAME_CHAR = Pattern.compile("[A-Za-z0-9_]");
+
+    private final Channels channels;
+    private final ZMQ.Context context = ZMQ.context(1);
+    private final ZMQ.Socket shell;
+    private final ZMQ.Socket control;
+    private final ZMQ.Socket iopub;
+    private final ZMQ.Socket stdin;
+    private final ZMQ.Socket heartbeat;
+    private final Engine engine;
+    /** The kernel's version, as kernel_info reports it; asked once. */
+    private final String version;
+    private final Output output = new Output();
+    private int executionCount;
+    /** Executed cells: line number, input, output text. */
+    private final List<HistoryEntry> history = new ArrayList<>();
+    /** Set by an interrupt; the running cell runs no further statement. */
+    private volatile boolean interrupted;
+    private volatile boolean running = true;
+
+    private record HistoryEntry(int line, String input, String output) {
+    }
+
+    /** The request being executed, for output, and for input requests. */
+    private volatile Channels.Message current;
+    private volatile boolean allowStdin;
+
+    private VexelKernel(JsonObject connection) {
+        channels = new Channels(string(connection, "key", ""), string(connection, "signature_scheme", "hmac-sha256"));
+        String base = string(connection, "transport", "tcp") + "://" + string(connection, "ip", "127.0.0.1") + ":";
+        shell = bind(ZMQ.ROUTER, base, connection, "shell_port");
+        control = bind(ZMQ.ROUTER, base, connection, "control_port");
+        stdin = bind(ZMQ.ROUTER, base, connection, "stdin_port");
+        iopub = bind(ZMQ.PUB, base, connection, "iopub_port");
+        heartbeat = bind(ZMQ.REP, base, connection, "hb_port");
+        engine = new Engine(new String[] {"-q"}, output, null);
+        version = kernelVersion();
+    }
+
+    private ZMQ.Socket bind(int type, String base, JsonObject connection, String port) {
+        ZMQ.Socket s = context.socket(type);
+        s.setLinger(1000);
+        s.bind(base + connection.get(port).getAsInt());
+        return s;
+    }
+
+    private static String string(JsonObject o, String name, String otherwise) {
+        JsonElement e = o.get(name);
+        return e == null || e.isJsonNull() ? otherwise : e.getAsString();
+    }
+
+    public static void main(String[] args) throws IOException {
+        if (args.length != 1) {
+            System.err.println("usage: VexelKernel CONNECTION_FILE");
+            System.exit(2);
+        }
+        JsonObject connection = JsonParser.parseString(Files.readString(Path.of(args[0]), StandardCharsets.UTF_8))
+                .getAsJsonObject();
+        new VexelKernel(connection).run();
+    }
+
+    private void run() {
+        Thread hb = new Thread(this::beat, "vexel-heartbeat");
+        hb.setDaemon(true);
+        hb.start();
+        Thread ctl = new Thread(() -> serve(control), "vexel-control");
+        ctl.setDaemon(true);
+        ctl.start();
+        try {
+            sun.misc.Signal.handle(new sun.misc.Signal("INT"), signal -> interrupt());
+        } catch (IllegalArgumentException e) {
+            System.err.println("vexel kernel: SIGINT cannot be handled: " + e.getMessage());
+        }
+        publishStatus("starting", null);
+        serve(shell);
+    }
+
+    /** Answers the socket's requests, one at a time, until the kernel ends. */
+    private void serve(ZMQ.Socket socket) {
+        ZMQ.Poller poller = new ZMQ.Poller(1);
+        poller.register(socket, ZMQ.Poller.POLLIN);
+        while (running) {
+            if (poller.poll(200) > 0 && poller.pollin(0)) {
+                Channels.Message m = channels.receive(socket);
+                if (m != null) {
+                    handle(socket, m);
+                }
+            }
+        }
+    }
+
+    private void beat() {
+        while (running) {
+            byte[] ping = heartbeat.recv(0);
+            if (ping != null) {
+                heartbeat.send(ping, 0);
+            }
+        }
+    }
+
+    private void interrupt() {
+        interrupted = true;
+        try {
+            engine.interrupt();
+        } catch (VexelException e) {
+            // stopped: nothing runs
+        }
+    }
+
+    // ---- requests ----
+
+    private void handle(ZMQ.Socket socket, Channels.Message m) {
+        publishStatus("busy", m);
+        try {
+            switch (m.type()) {
+                case "kernel_info_request" -> reply(socket, m, "kernel_info_reply", kernelInfo());
+                case "execute_request" -> execute(socket, m);
+                case "is_complete_request" -> reply(socket, m, "is_complete_reply", isComplete(m.content));
+                case "complete_request" -> reply(socket, m, "complete_reply", complete(m.content));
+                case "inspect_request" -> reply(socket, m, "inspect_reply", inspect(m.content));
+                case "history_request" -> reply(socket, m, "history_reply", history(m.content));
+                case "comm_info_request" -> {
+                    JsonObject c = ok();
+                    c.add("comms", new JsonObject());
+                    reply(socket, m, "comm_info_reply", c);
+                }
+                case "interrupt_request" -> {
+                    interrupt();
+                    reply(socket, m, "interrupt_reply", ok());
+                }
+                case "shutdown_request" -> shutdown(socket, m);
+                default -> unknown(socket, m);
+            }
+        } catch (RuntimeException e) {
+            System.err.println("vexel kernel: " + m.type() + " failed: " + e);
+        } finally {
+            publishStatus("idle", m);
+        }
+    }
+
+    private void unknown(ZMQ.Socket socket, Channels.Message m) {
+        System.err.println("vexel kernel: unknown request type " + m.type());
+        String type = m.type().endsWith("_request") ? m.type().replaceAll("_request$", "_reply") : m.type() + "_reply";
+        JsonObject c = new JsonObject();
+        c.addProperty("status", "error");
+        c.addProperty("ename", "UnknownRequest");
+        c.addProperty("evalue", "unknown request type " + m.type());
+        c.add("traceback", new JsonArray());
+        reply(socket, m, type, c);
+    }
+
+    private static JsonObject ok() {
+        JsonObject c = new JsonObject();
+        c.addProperty("status", "ok");
+        return c;
+    }
+
+    private void reply(ZMQ.Socket socket, Channels.Message to, String type, JsonObject content) {
+        channels.send(socket, type, content, to, to.identities);
+    }
+
+    private void publish(String type, JsonObject content, Channels.Message parent) {
+        channels.send(iopub, type, content, parent, List.of(type.getBytes(StandardCharsets.UTF_8)));
+    }
+
+    private void publishStatus(String state, Channels.Message parent) {
+        JsonObject c = new JsonObject();
+        c.addProperty("execution_state", state);
+        publish("status", c, parent);
+    }
+
+    private JsonObject kernelInfo() {
+        JsonObject c = ok();
+        c.addProperty("protocol_version", Channels.PROTOCOL_VERSION);
+        c.addProperty("implementation", "vexel");
+        c.addProperty("implementation_version", version);
+        JsonObject language = new JsonObject();
+        language.addProperty("name", "vexel");
+        language.addProperty("version", version);
+        language.addProperty("mimetype", "text/x-vexel");
+        language.addProperty("file_extension", ".vx");
+        c.add("language_info", language);
+        c.addProperty("banner", (version.isEmpty() ? "Vexel" : version) + " in Jupyter. A statement ends with ;"
+                + " (its value is shown) or : (silent); ?name shows help.");
+        JsonArray links = new JsonArray();
+        JsonObject link = new JsonObject();
+        link.addProperty("text", "Vexel in Jupyter (ambrix README)");
+        link.addProperty("url", "file:///usr/share/doc/ambrix/README.md");
+        links.add(link);
+        c.add("help_links", links);
+        return c;
+    }
+
+    private String kernelVersion() {
+        try {
+            Algebraic v = engine.evaluate("kernelopts(version):");
+            Object j = v == null ? null : v.toJava();
+            return j == null ? "" : j.toString();
+        } catch (VexelException e) {
+            return "";
+        }
+    }
+
+    // ---- execute ----
+
+    private void execute(ZMQ.Socket socket, Channels.Message m) {
+        String code = string(m.content, "code", "");
+        boolean silent = bool(m.content, "silent", false);
+        boolean store = bool(m.content, "store_history", true) && !silent;
+        boolean stopOnError = bool(m.content, "stop_on_error", true);
+        allowStdin = bool(m.content, "allow_stdin", true);
+        if (store) {
+            executionCount++;
+        }
+        int count = executionCount;
+        JsonObject input = new JsonObject();
+        input.addProperty("code", code);
+        input.addProperty("execution_count", count);
+        publish("execute_input", input, m);
+        current = m;
+        output.silent = silent;
+        output.text.setLength(0);
+        interrupted = false;
+        JsonObject error = null;
+        try {
+            error = runCell(code, count, m, silent);
+        } finally {
+            current = null;
+        }
+        if (store) {
+            history.add(new HistoryEntry(count, code, output.text.toString()));
+        }
+        JsonObject c;
+        if (error == null) {
+            c = ok();
+            c.add("user_expressions", new JsonObject());
+            c.add("payload", new JsonArray());
+        } else {
+            if (!silent) {
+                publish("error", error, m);
+            }
+            c = error.deepCopy();
+            c.addProperty("status", "error");
+        }
+        c.addProperty("execution_count", count);
+        // The requests to abort are those that arrived before the error's reply went out: one sent
+        // after the client saw the error is meant to run.
+        List<Channels.Message> queued =
+                error != null && stopOnError && socket == shell ? waiting() : List.of();
+        reply(socket, m, "execute_reply", c);
+        abort(queued);
+    }
+
+    /** One step of a cell: a statement, or a help line ("?name") as the shell reads it. */
+    private record Step(String text, boolean help) {
+    }
+
+    /** The cell's steps, as the shell reads its lines. */
+    private static List<Step> steps(String code) {
+        StatementScanner scanner = new StatementScanner();
+        List<Step> steps = new ArrayList<>();
+        for (String line : code.split("\n", -1)) {
+            StatementScanner.HelpLine help = scanner.isEmpty() ? StatementScanner.helpLine(line) : null;
+            if (help != null) {
+                steps.add(new Step(help.topic(), true));
+                continue;
+            }
+            for (StatementScanner.Statement st : scanner.addLine(line)) {
+                steps.add(new Step(st.text(), false));
+            }
+        }
+        StatementScanner.Statement rest = scanner.takeRest();
+        if (rest != null) {
+            steps.add(new Step(rest.text(), false));
+        }
+        return steps;
+    }
+
+    /** Runs a cell's steps in order; the error content of the first that fails, or null. */
+    private JsonObject runCell(String code, int count, Channels.Message m, boolean silent) {
+        List<Step> steps = steps(code);
+        for (int i = 0; i < steps.size(); i++) {
+            Step step = steps.get(i);
+            try {
+                if (interrupted) {
+                    throw new VexelException("computation interrupted");
+                }
+                String shown = step.help() ? helpOrError(step.text()) : evaluate(step.text());
+                if (!shown.isEmpty() && !silent) {
+                    show(shown, !step.help() && i == steps.size() - 1, count, m);
+                }
+            } catch (VexelException e) {
+                JsonObject error = new JsonObject();
+                error.addProperty("ename", "Error");
+                error.addProperty("evalue", String.valueOf(e.getMessage()));
+                JsonArray traceback = new JsonArray();
+                traceback.add("Error, " + e.getMessage());
+                error.add("traceback", traceback);
+                return error;
+            }
+        }
+        return null;
+    }
+
+    /**
+     * Evaluates one statement silently: its value, as the kernel prints it,
+     * is shown here, apart from what the kernel prints itself. Empty for a
+     * statement ending in ":" and for one with no value.
+     */
+    private String evaluate(String text) {
+        boolean shows = !text.endsWith(":");
+        String silentText = text.endsWith(";") || text.endsWith(":") ? text.substring(0, text.length() - 1) + ":"
+                : text + ":";
+        Algebraic value = engine.evaluate(silentText);
+        if (value == null || !shows || value.isStop()) {
+            return "";
+        }
+        return value.toString();
+    }
+
+    private String helpOrError(String topic) {
+        String text = topic.isEmpty() ? null : help(topic);
+        if (text == null) {
+            throw new VexelException("no help for " + topic);
+        }
+        return text;
+    }
+
+    /** A value shown: display data, or the cell's result when it is its last step. */
+    private void show(String shown, boolean last, int count, Channels.Message m) {
+        JsonObject data = new JsonObject();
+        data.addProperty("text/plain", shown);
+        JsonObject c = new JsonObject();
+        c.add("data", data);
+        c.add("metadata", new JsonObject());
+        output.text.append(shown).append('\n');
+        if (last) {
+            c.addProperty("execution_count", count);
+            publish("execute_result", c, m);
+        } else {
+            publish("display_data", c, m);
+        }
+    }
+
+    /** The requests already waiting on the shell socket. */
+    private List<Channels.Message> waiting() {
+        List<Channels.Message> queued = new ArrayList<>();
+        ZMQ.Poller poller = new ZMQ.Poller(1);
+        poller.register(shell, ZMQ.Poller.POLLIN);
+        while (poller.poll(0) > 0 && poller.pollin(0)) {
+            Channels.Message q = channels.receive(shell);
+            if (q != null) {
+                queued.add(q);
+            }
+        }
+        return queued;
+    }
+
+    /** After an error, the execute requests that were queued are answered "aborted", as the protocol says. */
+    private void abort(List<Channels.Message> queued) {
+        for (Channels.Message q : queued) {
+            if (!q.type().equals("execute_request")) {
+                handle(shell, q);
+                continue;
+            }
+            publishStatus("busy", q);
+            JsonObject c = new JsonObject();
+            c.addProperty("status", "aborted");
+            c.addProperty("execution_count", executionCount);
+            reply(shell, q, "execute_reply", c);
+            publishStatus("idle", q);
+        }
+    }
+
+    private static boolean bool(JsonObject o, String name, boolean otherwise) {
+        JsonElement e = o.get(name);
+        return e == null || e.isJsonNull() ? otherwise : e.getAsBoolean();
+    }
+
+    private static int integer(JsonObject o, String name, int otherwise) {
+        JsonElement e = o.get(name);
+        return e == null || e.isJsonNull() ? otherwise : e.getAsInt();
+    }
+
+    /** The kernel's output, as stream messages of the request being executed. */
+    private final class Output extends EngineCallBacksDefault {
+        volatile boolean silent;
+        final StringBuilder text = new StringBuilder();
+
+        @Override
+        public void textCallBack(Object data, int tag, String s) {
+            String shown = shownText(tag, s);
+            String line = shown.endsWith("\n") ? shown : shown + "\n";
+            // print's output on standard output; warnings and diagnostics on standard error.
+            String name = tag == VEXEL_TEXT_OUTPUT ? "stdout" : "stderr";
+            Channels.Message m = current;
+            if (m == null || silent) {
+                return;
+            }
+            text.append(line);
+            JsonObject c = new JsonObject();
+            c.addProperty("name", name);
+            c.addProperty("text", line);
+            publish("stream", c, m);
+        }
+
+        @Override
+        public void statusCallBack(Object data, long used, long alloc, double time) {
+            textCallBack(data, VEXEL_TEXT_STATUS, statusLine(used, alloc, time));
+        }
+
+        @Override
+        public String readLineCallBack(Object data, boolean debug) {
+            Channels.Message m = current;
+            if (m == null || !allowStdin) {
+                throw new VexelException("no input: this client does not allow input requests");
+            }
+            JsonObject c = new JsonObject();
+            c.addProperty("prompt", "");
+            c.addProperty("password", false);
+            channels.send(stdin, "input_request", c, m, m.identities);
+            // Waits for the answer; an interrupt ends the wait as it ends a computation.
+            ZMQ.Poller poller = new ZMQ.Poller(1);
+            poller.register(stdin, ZMQ.Poller.POLLIN);
+            while (running) {
+                if (interrupted) {
+                    throw new VexelException("computation interrupted");
+                }
+                if (poller.poll(100) > 0 && poller.pollin(0)) {
+                    Channels.Message answer = channels.receive(stdin);
+                    if (answer != null && answer.type().equals("input_reply")) {
+                        return string(answer.content, "value", "");
+                    }
+                }
+            }
+            throw new VexelException("computation interrupted");
+        }
+
+        @Override
+        public boolean redirectCallBack(Object data, String name, boolean append) {
+            return false;
+        }
+
+        @Override
+        public String streamCallBack(Object data, String name, String[] args) {
+            return "";
+        }
+
+        @Override
+        public String callBackCallBack(Object data, String s) {
+            return "";
+        }
+    }
+
+    // ---- is_complete, complete, inspect, history ----
+
+    private JsonObject isComplete(JsonObject content) {
+        String code = string(content, "code", "");
+        JsonObject c = new JsonObject();
+        // A help line ("?name") is whole by itself, as in the shell.
+        StatementScanner.Completeness state = !code.strip().contains("\n") && StatementScanner.helpLine(code) != null
+                ? StatementScanner.Completeness.COMPLETE : StatementScanner.completeness(code);
+        c.addProperty("status", state.name().toLowerCase(java.util.Locale.ROOT));
+        if (state == StatementScanner.Completeness.INCOMPLETE) {
+            c.addProperty("indent", "");
+        }
+        return c;
+    }
+
+    /** The char index of a cursor given in code points. */
+    private static int charIndex(String code, int cursor) {
+        int points = code.codePointCount(0, code.length());
+        return code.offsetByCodePoints(0, Math.max(0, Math.min(cursor, points)));
+    }
+
+    /** The name around the char index: [start, end). */
+    private static int[] nameAt(String code, int at, boolean through) {
+        int start = at;
+        while (start > 0 && NAME_CHAR.matcher(code.substring(start - 1, start)).matches()) {
+            start--;
+        }
+        int end = at;
+        while (through && end < code.length() && NAME_CHAR.matcher(code.substring(end, end + 1)).matches()) {
+            end++;
+        }
+        return new int[] {start, end};
+    }
+
+    private JsonObject complete(JsonObject content) {
+        String code = string(content, "code", "");
+        int cursor = integer(content, "cursor_pos", code.codePointCount(0, code.length()));
+        int at = charIndex(code, cursor);
+        int[] name = nameAt(code, at, false);
+        String prefix = code.substring(name[0], at);
+        JsonArray matches = new JsonArray();
+        for (String n : knownNames(prefix)) {
+            matches.add(n);
+        }
+        JsonObject c = ok();
+        c.add("matches", matches);
+        c.addProperty("cursor_start", code.codePointCount(0, name[0]));
+        c.addProperty("cursor_end", cursor);
+        c.add("metadata", new JsonObject());
+        return c;
+    }
+
+    /** The names the kernel knows (built-in and assigned) that start with the prefix, a name's start. */
+    private List<String> knownNames(String prefix) {
+        List<String> names = new ArrayList<>();
+        if (!prefix.chars().allMatch(ch -> ch < 128 && NAME_CHAR.matcher(String.valueOf((char) ch)).matches())) {
+            return names;
+        }
+        try {
+            Algebraic list = engine.evaluate("knownnames(\"" + prefix + "\"):");
+            if (list != null && list.toJava() instanceof List<?> l) {
+                for (Object o : l) {
+                    names.add(String.valueOf(o));
+                }
+            }
+        } catch (VexelException e) {
+            // no names
+        }
+        return names;
+    }
+
+    private JsonObject inspect(JsonObject content) {
+        String code = string(content, "code", "");
+        int cursor = integer(content, "cursor_pos", 0);
+        int at = charIndex(code, cursor);
+        int[] name = nameAt(code, at, true);
+        String topic = code.substring(name[0], name[1]);
+        JsonObject c = ok();
+        c.add("metadata", new JsonObject());
+        JsonObject data = new JsonObject();
+        String help = topic.isEmpty() ? null : help(topic);
+        c.addProperty("found", help != null);
+        if (help != null) {
+            data.addProperty("text/plain", help);
+        }
+        c.add("data", data);
+        return c;
+    }
+
+    /** The kernel's help on a topic as plain text, or null when it has none. */
+    private String help(String topic) {
+        try {
+            return engine.getHelpText(topic, Engine.VEXEL_HELP_ALL, 80);
+        } catch (VexelException e) {
+            return null;
+        }
+    }
+
+    private JsonObject history(JsonObject content) {
+        String type = string(content, "hist_access_type", "tail");
+        boolean withOutput = bool(content, "output", false);
+        List<HistoryEntry> chosen = new ArrayList<>();
+        switch (type) {
+            case "tail" -> {
+                int n = integer(content, "n", 10);
+                chosen.addAll(history.subList(Math.max(0, history.size() - n), history.size()));
+            }
+            case "range" -> {
+                int start = integer(content, "start", 1);
+                int stop = integer(content, "stop", Integer.MAX_VALUE);
+                for (HistoryEntry e : history) {
+                    if (e.line() >= start && e.line() < stop) {
+                        chosen.add(e);
+                    }
+                }
+            }
+            case "search" -> {
+                String pattern = string(content, "pattern", "*");
+                Pattern glob = glob(pattern);
+                java.util.Set<String> seen = new java.util.HashSet<>();
+                boolean unique = bool(content, "unique", false);
+                for (int i = history.size() - 1; i >= 0; i--) {
+                    HistoryEntry e = history.get(i);
+                    if (glob.matcher(e.input()).matches() && (!unique || seen.add(e.input()))) {
+                        chosen.add(0, e);
+                    }
+                }
+                int n = integer(content, "n", Integer.MAX_VALUE);
+                chosen = new ArrayList<>(chosen.subList(Math.max(0, chosen.size() - n), chosen.size()));
+            }
+            default -> {
+            }
+        }
+        JsonArray list = new JsonArray();
+        for (HistoryEntry e : chosen) {
+            JsonArray row = new JsonArray();
+            row.add(1);
+            row.add(e.line());
+            if (withOutput) {
+                JsonArray io = new JsonArray();
+                io.add(e.input());
+                io.add(e.output());
+                row.add(io);
+            } else {
+                row.add(e.input());
+            }
+            list.add(row);
+        }
+        JsonObject c = ok();
+        c.add("history", list);
+        return c;
+    }
+
+    /** A history search's glob pattern: * any text, ? any one character, everything else itself. */
+    private static Pattern glob(String pattern) {
+        StringBuilder regex = new StringBuilder();
+        StringBuilder literal = new StringBuilder();
+        for (char ch : pattern.toCharArray()) {
+            if (ch == '*' || ch == '?') {
+                if (literal.length() > 0) {
+                    regex.append(Pattern.quote(literal.toString()));
+                    literal.setLength(0);
+                }
+                regex.append(ch == '*' ? ".*" : ".");
+            } else {
+                literal.append(ch);
+            }
+        }
+        if (literal.length() > 0) {
+            regex.append(Pattern.quote(literal.toString()));
+        }
+        return Pattern.compile(regex.toString(), Pattern.DOTALL);
+    }
+
+    // ---- shutdown ----
+
+    private void shutdown(ZMQ.Socket socket, Channels.Message m) {
+        boolean restart = bool(m.content, "restart", false);
+        JsonObject c = ok();
+        c.addProperty("restart", restart);
+        if (restart) {
+            interrupt();
+            engine.restart();
+            executionCount = 0;
+            reply(socket, m, "shutdown_reply", c);
+            publish("shutdown_reply", c, m);
+            return;
+        }
+        interrupt();
+        reply(socket, m, "shutdown_reply", c);
+        publish("shutdown_reply", c, m);
+        publishStatus("idle", m);
+        try {
+            engine.stop();
+        } catch (VexelException e) {
+            // stopped already
+        }
+        running = false;
+        // Give the replies time to leave before the sockets close.
+        try {
+            Thread.sleep(100);
+        } catch (InterruptedException e) {
+            Thread.currentThread().interrupt();
+        }
+        System.exit(0);
+    }
+}

@@ -1,0 +1,270 @@
+package com.quorbit.ambrix;
+
+import static org.junit.jupiter.api.Assertions.assertEquals;
+import static org.junit.jupiter.api.Assertions.assertFalse;
+import static org.junit.jupiter.api.Assertions.assertInstanceOf;
+import static org.junit.jupiter.api.Assertions.assertNotEquals;
+import static org.junit.jupiter.api.Assertions.assertThrows;
+import static org.junit.jupiter.api.Assertions.assertTrue;
+
+import com.quorbit.ambrix.pool.EnginePool;
+import com.quorbit.ambrix.pool.Result;
+import com.quorbit.ambrix.pool.Session;
+import com.quorbit.ambrix.pool.WorkerLostException;
+import com.quorbit.externalcall.VexelException;
+import java.time.Duration;
+import java.util.concurrent.CompletableFuture;
+import java.util.concurrent.CompletionException;
+import java.util.concurrent.TimeUnit;
+import org.junit.jupiter.api.AfterAll;
+import org.junit.jupiter.api.BeforeAll;
+import org.junit.jupiter.api.Test;
+import org.junit.jupiter.api.Timeout;
+import org.junit.jupiter.params.ParameterizedTest;
+import org.junit.jupiter.params.provider.MethodSource;
+
+/**
+ * Kernels in worker processes: crashes, limits, isolation, parallel work,
+ * values, and the pool's close. Timing bounds are generous: they tell a
+ * kill from a hang, not a fast machine from a slow one.
+ */
+@Timeout(value = 120, unit = TimeUnit.SECONDS)
+class PoolTest {
+    static EnginePool pool;
+
+    @BeforeAll
+    static void start() {
+        pool = EnginePool.builder().workers(2).kernelArguments("-q", "--test-hooks")
+                .initialize("area := proc(w, h) w * h end proc:", "same := x -> x:")
+                .graceTime(Duration.ofMillis(500)).build();
+    }
+
+    @AfterAll
+    static void stop() {
+        pool.close();
+        pool.close();
+    }
+
+    /** The failure of a future, unwrapped. */
+    static Throwable failure(CompletableFuture<?> f) {
+        CompletionException e = assertThrows(CompletionException.class, f::join);
+        return e.getCause();
+    }
+
+    static WorkerLostException lost(CompletableFuture<?> f) {
+        return assertInstanceOf(WorkerLostException.class, failure(f));
+    }
+
+    static void awaitWorkers(EnginePool p, int n, java.util.List<Long> gone) throws InterruptedException {
+        long end = System.nanoTime() + TimeUnit.SECONDS.toNanos(10);
+        while (System.nanoTime() < end) {
+            java.util.List<Long> pids = p.workerPids();
+            if (pids.size() == n && pids.stream().noneMatch(gone::contains)) return;
+            Thread.sleep(20);
+        }
+        throw new AssertionError("the pool did not get back to " + n + " workers: " + p.workerPids());
+    }
+
+    static boolean alive(long pid) {
+        return ProcessHandle.of(pid).map(ProcessHandle::isAlive).orElse(false);
+    }
+
+    @Test
+    void aCrashFailsOnlyItsOwnTaskAndTheWorkerIsReplaced() throws Exception {
+        java.util.List<Long> before = pool.workerPids();
+        CompletableFuture<Result> other = pool.submit("for i to 200000 do end do; 7;");
+        long start = System.nanoTime();
+        WorkerLostException e = lost(pool.submit("crashkernel();"));
+        long ms = TimeUnit.NANOSECONDS.toMillis(System.nanoTime() - start);
+        assertEquals("signal 11 (SIGSEGV)", e.reason());
+        assertTrue(e.getMessage().startsWith("kernel process ended: signal 11 (SIGSEGV)"), e.getMessage());
+        assertTrue(ms < 3000, "the crash was reported after " + ms + " ms");
+        assertEquals("7", other.join().text());
+        java.util.List<Long> crashed = new java.util.ArrayList<>(before);
+        crashed.removeAll(pool.workerPids());
+        awaitWorkers(pool, 2, crashed);
+        assertEquals("12", pool.submit("area(3, 4);").join().text());
+    }
+
+    @Test
+    void aTaskThatIgnoresInterruptsIsKilledAfterItsGrace() throws Exception {
+        long start = System.nanoTime();
+        WorkerLostException e = lost(pool.submit("spin();", Duration.ofMillis(200)));
+        long ms = TimeUnit.NANOSECONDS.toMillis(System.nanoTime() - start);
+        assertEquals("killed after the time limit of 0.2 s passed and a grace of 0.5 s", e.reason());
+        assertTrue(ms >= 700 && ms < 3000, "killed after " + ms + " ms");
+        awaitWorkers(pool, 2, java.util.List.of());
+    }
+
+    @Test
+    void aLoopUnderATimeLimitIsInterruptedAndItsWorkerSurvives() {
+        java.util.List<Long> before = pool.workerPids();
+        Throwable e = failure(pool.submit("for i to 10^9 do end do;", Duration.ofMillis(200)));
+        assertInstanceOf(VexelException.class, e);
+        assertFalse(e instanceof WorkerLostException);
+        assertEquals("time limit of 0.2 s passed", e.getMessage());
+        assertEquals("computation interrupted", e.getCause().getMessage());
+        assertEquals(before, pool.workerPids());
+    }
+
+    @Test
+    void eachTaskRunsInACleanKernelWithItsInitialization() {
+        for (int i = 0; i < 3; i++) {
+            assertEquals("", pool.submit("leak := 42:").join().text());
+            assertEquals("leak", pool.submit("leak;").join().text());
+            assertEquals(13.5, pool.call("area", 3, 4.5).join());
+        }
+    }
+
+    @Test
+    void aSessionKeepsItsNamesUntilClosed() {
+        try (Session s = pool.session()) {
+            s.evaluate("g := x -> x^2:");
+            assertEquals(9L, s.evaluate("g(3);").value());
+            assertEquals(25L, s.call("g", 5));
+            Result printed = s.evaluate("print(\"a\"); WARNING(\"w\"); g(2);");
+            assertEquals(java.util.List.of("\"a\"", "Warning, w"), printed.output());
+            assertEquals("4", printed.text());
+            VexelException error = assertThrows(VexelException.class, () -> s.evaluate("error \"no %1\", 5;"));
+            assertEquals("no 5", error.getMessage());
+            assertEquals("1", s.evaluate("1;").text());
+        }
+        assertEquals("g", pool.submit("g;").join().text());
+    }
+
+    @Test
+    void aSessionWhoseWorkerIsLostThrowsOnEveryCall() throws Exception {
+        Session s = pool.session();
+        s.evaluate("h := 1:");
+        WorkerLostException first = assertThrows(WorkerLostException.class, () -> s.evaluate("crashkernel();"));
+        assertEquals("signal 11 (SIGSEGV)", first.reason());
+        assertThrows(WorkerLostException.class, () -> s.evaluate("h;"));
+        assertThrows(WorkerLostException.class, () -> s.call("area", 1, 2));
+        s.close();
+        awaitWorkers(pool, 2, java.util.List.of());
+    }
+
+    @Test
+    void twoWorkersRunTwoLoopsAtOnce() throws Exception {
+        awaitWorkers(pool, 2, java.util.List.of());
+        String loop = "for i to 1400000 do end do: 1;";
+        CompletableFuture.allOf(pool.submit("1;"), pool.submit("1;")).join();
+        long one = System.nanoTime();
+        pool.submit(loop).join();
+        one = System.nanoTime() - one;
+        long both = System.nanoTime();
+        CompletableFuture.allOf(pool.submit(loop), pool.submit(loop)).join();
+        both = System.nanoTime() - both;
+        assertTrue(both < 1.6 * one, "two loops took " + both / 1e6 + " ms, one " + one / 1e6 + " ms");
+    }
+
+    /** The conversions' round trips (but null, which no procedure takes as one argument), and a large array. */
+    static java.util.stream.Stream<Object> values() {
+        return java.util.stream.Stream.concat(ConversionTest.roundTrips().filter(java.util.Objects::nonNull),
+                java.util.stream.Stream.of((Object) new double[1_000_000]));
+    }
+
+    /** A value printed by a worker's kernel comes back as the in-process conversion gives it. */
+    @ParameterizedTest
+    @MethodSource("com.quorbit.ambrix.ConversionTest#kernelRoundTrips")
+    void resultValuesAreTheConversionsValues(String statement) {
+        Object here = Kernel.eval(statement + ";").toJava();
+        Object there = pool.submit(statement + ";").join().value();
+        assertTrue(ConversionTest.same(here, there), () -> statement + " gave " + ConversionTest.show(there));
+    }
+
+    @ParameterizedTest
+    @MethodSource("values")
+    void valuesRoundTripThroughAWorker(Object java) {
+        Object back = pool.call("same", java).join();
+        assertTrue(ConversionTest.same(java, back), () -> ConversionTest.show(java) + " came back as "
+                + ConversionTest.show(back));
+    }
+
+    @Test
+    void resultsCarryTheirValuesAndText() {
+        Result r = pool.submit("print(1); 2^100;").join();
+        assertEquals("1267650600228229401496703205376", r.text());
+        assertEquals(java.math.BigInteger.TWO.pow(100), r.value());
+        assertEquals(java.util.List.of("1"), r.output());
+        assertEquals(null, pool.submit("x + 1;").join().value());
+        assertEquals("x+1", pool.submit("x + 1;").join().text());
+        double[] d = (double[]) pool.submit("Array(1..3, [1.5, 2.5, 3.5], datatype = float[8]);").join().value();
+        assertEquals(3.5, d[2]);
+        assertThrows(VexelException.class, () -> pool.call("area", new Object()));
+    }
+
+    @Test
+    void aWorkerPastItsMemoryLimitIsKilled() {
+        try (EnginePool p = EnginePool.builder().workers(1).kernelArguments("-q", "--test-hooks")
+                .memoryLimit(256L << 20).build()) {
+            assertEquals("memory limit of 256 MiB passed", lost(p.submit("hogmemory();")).reason());
+            assertEquals("3", p.submit("1 + 2;").join().text());
+        }
+    }
+
+    @Test
+    void closingFailsRunningAndQueuedTasksAndEndsEveryWorker() {
+        EnginePool p = EnginePool.builder().workers(1).kernelArguments("-q", "--test-hooks")
+                .graceTime(Duration.ofMillis(200)).build();
+        java.util.List<Long> pids = p.workerPids();
+        CompletableFuture<Result> running = p.submit("spin();");
+        CompletableFuture<Result> queued = p.submit("1;");
+        CompletableFuture<Object> call = p.call("area", 1, 2);
+        p.close();
+        for (CompletableFuture<?> f : java.util.List.of(running, queued, call)) {
+            assertEquals("pool closed", lost(f).reason());
+        }
+        assertEquals("pool closed", lost(p.submit("1;")).reason());
+        assertThrows(WorkerLostException.class, p::session);
+        for (long pid : pids) assertFalse(alive(pid), "worker " + pid + " is alive");
+        assertTrue(p.workerPids().isEmpty());
+        p.close();
+    }
+
+    /** The main of a JVM that opens a pool, prints its workers' pids, and waits to be killed. */
+    public static final class Opener {
+        public static void main(String[] args) throws Exception {
+            EnginePool p = EnginePool.builder().workers(2).build();
+            System.out.println("pids " + p.workerPids());
+            System.out.flush();
+            Thread.sleep(60_000);
+        }
+    }
+
+    static String where(Class<?> c) throws java.net.URISyntaxException {
+        return new java.io.File(c.getProtectionDomain().getCodeSource().getLocation().toURI()).getPath();
+    }
+
+    @Test
+    void workersEndWhenTheirPoolsJvmIsKilled() throws Exception {
+        String launcher = ProcessHandle.current().info().command().orElse("java");
+        String classPath = where(EnginePool.class) + java.io.File.pathSeparator + where(PoolTest.class);
+        Process opener = new ProcessBuilder(launcher, "-cp", classPath, Opener.class.getName())
+                .redirectErrorStream(true).start();
+        java.io.BufferedReader out = new java.io.BufferedReader(new java.io.InputStreamReader(opener.getInputStream()));
+        String line;
+        do {
+            line = out.readLine();
+        } while (line != null && !line.startsWith("pids "));
+        assertTrue(line != null, "the opener printed no pids");
+        java.util.List<Long> pids = java.util.Arrays.stream(line.substring(6, line.length() - 1).split(", "))
+                .map(Long::valueOf).toList();
+        assertEquals(2, pids.size());
+        opener.destroyForcibly().waitFor();
+        long end = System.nanoTime() + TimeUnit.SECONDS.toNanos(2);
+        while (System.nanoTime() < end && pids.stream().anyMatch(PoolTest::alive)) Thread.sleep(20);
+        for (long pid : pids) assertFalse(alive(pid), "worker " + pid + " outlived its pool");
+    }
+
+    @Test
+    void aBadBuilderSettingIsRefused() {
+        assertThrows(IllegalArgumentException.class, () -> EnginePool.builder().workers(0));
+        assertThrows(IllegalArgumentException.class, () -> EnginePool.builder().timeLimit(Duration.ZERO));
+        assertThrows(IllegalArgumentException.class, () -> EnginePool.builder().memoryLimit(0));
+        VexelException e = assertThrows(VexelException.class,
+                () -> EnginePool.builder().workers(1).kernelArguments("-bogus").build());
+        assertTrue(e.getMessage().contains("unknown option -bogus"), e.getMessage());
+        assertNotEquals(0, pool.workerPids().size());
+    }
+}

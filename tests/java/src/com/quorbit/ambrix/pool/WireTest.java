@@ -1,0 +1,152 @@
+package com.quorbit.ambrix.pool;
+
+import static org.junit.jupiter.api.Assertions.assertArrayEquals;
+import static org.junit.jupiter.api.Assertions.assertEquals;
+import static org.junit.jupiter.api.Assertions.assertNull;
+import static org.junit.jupiter.api.Assertions.assertThrows;
+import static org.junit.jupiter.api.Assertions.assertTrue;
+
+import java.io.ByteArrayInputStream;
+import java.io.ByteArrayOutputStream;
+import java.io.DataInputStream;
+import java.math.BigInteger;
+import java.net.StandardProtocolFamily;
+import java.net.UnixDomainSocketAddress;
+import java.nio.ByteBuffer;
+import java.nio.channels.ServerSocketChannel;
+import java.nio.channels.SocketChannel;
+import java.nio.file.Files;
+import java.nio.file.Path;
+import java.util.concurrent.TimeUnit;
+import java.util.stream.Stream;
+import org.junit.jupiter.api.Test;
+import org.junit.jupiter.api.Timeout;
+import org.junit.jupiter.params.ParameterizedTest;
+import org.junit.jupiter.params.provider.Arguments;
+import org.junit.jupiter.params.provider.MethodSource;
+
+/** The frames between a pool and its workers, and what each side does with a bad one. */
+@Timeout(value = 60, unit = TimeUnit.SECONDS)
+class WireTest {
+    static byte[] frame(Wire.Writer w) throws Exception {
+        ByteArrayOutputStream out = new ByteArrayOutputStream();
+        w.send(out);
+        return out.toByteArray();
+    }
+
+    static Wire.Frame read(byte[] bytes) throws Exception {
+        return Wire.read(new DataInputStream(new ByteArrayInputStream(bytes)));
+    }
+
+    @Test
+    void valuesSurviveTheTrip() throws Exception {
+        Object[] values = {null, true, false, -5L, BigInteger.TWO.pow(100).negate(), -0.0, "text \u00e9\u20ac",
+            java.util.List.of(1L, java.util.List.of("x")), java.util.Map.of("k", 2L),
+            new double[] {1.5, Double.NaN}, new float[] {2f}, new long[] {Long.MIN_VALUE}, new int[] {7},
+            new short[] {-3}, new byte[] {9}, new double[][] {{1, 2}, {3, 4}, {5, 6}}, new int[0][]};
+        for (Object v : values) {
+            Wire.Frame f = read(frame(new Wire.Writer(Wire.ECHO, 42).value(v)));
+            assertEquals(Wire.ECHO, f.kind());
+            assertEquals(42, f.task());
+            Object back = f.values().value();
+            if (v instanceof double[][] m) {
+                assertArrayEquals(m, (double[][]) back);
+            } else if (v instanceof int[][] m) {
+                assertEquals(0, ((int[][]) back).length);
+            } else if (v != null && v.getClass().isArray()) {
+                assertTrue(java.util.Objects.deepEquals(new Object[] {v}, new Object[] {back}), v.toString());
+            } else {
+                assertEquals(v, back);
+            }
+        }
+        assertEquals(3L, read(frame(new Wire.Writer(Wire.ECHO, 1).value(3))).values().value());
+        assertEquals(java.util.List.of(1L, "a"),
+                read(frame(new Wire.Writer(Wire.ECHO, 1).value(new Object[] {1L, "a"}))).values().value());
+        assertThrows(com.quorbit.externalcall.VexelException.class, () -> new Wire.Writer(Wire.ECHO, 1)
+                .value(new Object()));
+    }
+
+    /** A frame header: the length, then the kind and the task number. */
+    static ByteBuffer header(int length, int payload) {
+        return ByteBuffer.allocate(13 + payload).putInt(length).put(Wire.EVAL).putLong(1);
+    }
+
+    static Stream<Arguments> badFrames() {
+        return Stream.of(
+                Arguments.of("truncated", header(100, 10).array(), "truncated frame"),
+                Arguments.of("oversized", header(Integer.MAX_VALUE, 0).array(), "bad frame length"),
+                Arguments.of("too short", header(4, 0).array(), "bad frame length"),
+                Arguments.of("negative", header(-1, 0).array(), "bad frame length"),
+                Arguments.of("cut in its length", new byte[] {0, 0}, "truncated frame"));
+    }
+
+    @ParameterizedTest(name = "{0}")
+    @MethodSource("badFrames")
+    void aBadFrameIsRefused(String what, byte[] bytes, String message) {
+        Wire.WireException e = assertThrows(Wire.WireException.class, () -> read(bytes));
+        assertTrue(e.getMessage().contains(message), e.getMessage());
+    }
+
+    static Stream<Arguments> badPayloads() {
+        return Stream.of(
+                Arguments.of("unknown tag", new byte[] {99}, "unknown value tag"),
+                Arguments.of("cut value", new byte[] {3, 0, 0}, "cut off"),
+                Arguments.of("long count", new byte[] {7, 0x7f, 0, 0, 0}, "exceeds the frame"),
+                Arguments.of("array count", new byte[] {9, 'D', 0, 0, 0, 2, 0, 0, 0, 0, 0, 0, 0, 0}, "exceeds"),
+                Arguments.of("element type", new byte[] {9, 'Q', 0, 0, 0, 0}, "unknown element type"),
+                Arguments.of("deep", deep(100), "nested too deep"));
+    }
+
+    static byte[] deep(int n) {
+        ByteBuffer b = ByteBuffer.allocate(5 * n + 1);
+        for (int i = 0; i < n; i++) b.put((byte) 7).putInt(1);
+        return b.put((byte) 0).array();
+    }
+
+    @ParameterizedTest(name = "{0}")
+    @MethodSource("badPayloads")
+    void aBadPayloadIsRefused(String what, byte[] payload, String message) {
+        Wire.Reader r = new Wire.Reader(ByteBuffer.wrap(payload));
+        Wire.WireException e = assertThrows(Wire.WireException.class, r::value);
+        assertTrue(e.getMessage().contains(message), e.getMessage());
+    }
+
+    @Test
+    void theEndOfInputBetweenFramesIsACleanEnd() throws Exception {
+        assertNull(read(new byte[0]));
+    }
+
+    /** A worker given a bad frame says what was wrong and ends; it never hangs. */
+    @ParameterizedTest(name = "{0}")
+    @MethodSource("badFrames")
+    void aWorkerEndsOnABadFrame(String what, byte[] bytes, String message) throws Exception {
+        Path dir = Files.createTempDirectory("ambrix-wire-test");
+        Path socket = dir.resolve("w.sock");
+        try (ServerSocketChannel server = ServerSocketChannel.open(StandardProtocolFamily.UNIX)) {
+            server.bind(UnixDomainSocketAddress.of(socket));
+            Process worker = new ProcessBuilder(Worker.javaCommand(), "-cp", EnginePool.classPath(),
+                    WorkerMain.class.getName(), socket.toString()).redirectErrorStream(true).start();
+            try (SocketChannel c = server.accept()) {
+                c.write(ByteBuffer.wrap(bytes));
+                c.shutdownOutput();
+                assertTrue(worker.waitFor(30, TimeUnit.SECONDS), "the worker hangs");
+                String said = new String(worker.getInputStream().readAllBytes());
+                assertEquals(3, worker.exitValue(), said);
+                assertTrue(said.contains("ambrix worker: ") && said.contains(message), said);
+            } finally {
+                worker.destroyForcibly();
+            }
+        } finally {
+            Files.deleteIfExists(socket);
+            Files.deleteIfExists(dir);
+        }
+    }
+
+    @Test
+    void exitStatusesNameTheirSignals() {
+        assertEquals("signal 11 (SIGSEGV)", Worker.exitReason(139));
+        assertEquals("signal 9 (SIGKILL)", Worker.exitReason(137));
+        assertEquals("signal 30", Worker.exitReason(158));
+        assertEquals("exit status 1", Worker.exitReason(1));
+    }
+}

@@ -1,0 +1,28 @@
+#!/usr/bin/env bash
+# The Jupyter kernel, with Debian's Jupyter: the kernel test suite, the
+# client tests, and the example notebook executed by nbconvert, its outputs
+# checked. The kernelspec is made for this build in a private data folder.
+# Usage: run.sh BUILD_DIR SOURCE_DIR
+set -euo pipefail
+build=$(cd "$1" && pwd)
+src=$(cd "$2" && pwd)
+. "$src/tests/common.sh" "$build"
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+export JUPYTER_DATA_DIR=$work/data JUPYTER_RUNTIME_DIR=$work/runtime JUPYTER_CONFIG_DIR=$work/config
+export JUPYTER_PLATFORM_DIRS=1
+mkdir -p "$JUPYTER_DATA_DIR/kernels/vexel"
+cat >"$JUPYTER_DATA_DIR/kernels/vexel/kernel.json" <<JSON
+{
+  "argv": ["$src/shell/vexel", "--jupyter-kernel", "{connection_file}"],
+  "display_name": "Vexel",
+  "language": "vexel",
+  "interrupt_mode": "message",
+  "env": {"BUILD": "$build", "LD_PRELOAD": "$sanitizer_preload", "ASAN_OPTIONS": "${ASAN_OPTIONS:-}"}
+}
+JSON
+cd "$src/tests/jupyter"
+/usr/bin/python3 -m unittest -v test_kernel test_client 2>&1 | tee "$work/unittest.log"
+/usr/bin/jupyter nbconvert --to notebook --execute --ExecutePreprocessor.timeout=60 \
+  --output-dir "$work" --output executed "$src/examples/vexel-tour.ipynb"
+/usr/bin/python3 "$src/tests/jupyter/check_notebook.py" "$work/executed.ipynb"
