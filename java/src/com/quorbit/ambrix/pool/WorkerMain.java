@@ -10,8 +10,7 @@ import java.io.OutputStream;
 import java.net.UnixDomainSocketAddress;
 import java.nio.channels.SocketChannel;
 import java.util.ArrayList;
-import java.util.concurrent.ExecutorService;
-import java.util.concurrent.Executors;
+import java.util.concurrent.Semaphore;
 
 /**
  * A pool's worker: a child JVM whose kernel runs the pool's tasks. It
@@ -27,11 +26,8 @@ import java.util.concurrent.Executors;
 public final class WorkerMain {
     private final OutputStream out;
     private final DataInputStream in;
-    private final ExecutorService runner = Executors.newSingleThreadExecutor(r -> {
-        Thread t = new Thread(r, "ambrix-worker-task");
-        t.setDaemon(true);
-        return t;
-    });
+    /** The turn to read the pool's frames: held by one of the two threads at a time. */
+    private final Semaphore turn = new Semaphore(1);
     private Engine engine;
     private java.util.List<String> initialize = java.util.List.of();
     /** The task running now, 0 for none: an interrupt for another is dropped. */
@@ -59,19 +55,38 @@ public final class WorkerMain {
         }
     }
 
-    public static void main(String[] args) throws IOException {
+    public static void main(String[] args) {
         if (args.length < 1) {
             System.err.println("ambrix worker: started without a pool");
             Runtime.getRuntime().halt(2);
         }
-        SocketChannel socket = SocketChannel.open(UnixDomainSocketAddress.of(args[0]));
-        WorkerMain worker = new WorkerMain(Wire.output(socket), Wire.input(socket));
+        WorkerMain worker;
         try {
-            if (args.length == 2 && args[1].equals("--echo")) {
-                worker.echo();
-            } else {
-                worker.serve();
-            }
+            SocketChannel socket = SocketChannel.open(UnixDomainSocketAddress.of(args[0]));
+            worker = new WorkerMain(Wire.output(socket), Wire.input(socket));
+        } catch (IOException e) {
+            System.err.println("ambrix worker: the pool's channel failed: " + e);
+            Runtime.getRuntime().halt(3);
+            return;
+        }
+        if (args.length == 2 && args[1].equals("--echo")) {
+            worker.guarded(worker::echo);
+        } else {
+            Thread second = new Thread(() -> worker.guarded(worker::serve), "ambrix-worker-task");
+            second.setDaemon(true);
+            second.start();
+            worker.guarded(worker::serve);
+        }
+    }
+
+    private interface Loop {
+        void run() throws IOException;
+    }
+
+    /** Runs a loop over the pool's frames; whatever ends it ends the process. */
+    private void guarded(Loop loop) {
+        try {
+            loop.run();
         } catch (Wire.WireException e) {
             System.err.println("ambrix worker: " + e.getMessage());
             Runtime.getRuntime().halt(3);
@@ -89,21 +104,37 @@ public final class WorkerMain {
         }
     }
 
-    /** Reads frames until the input ends; tasks run on the runner, interrupts here. */
+    /**
+     * One of the worker's two threads. Whichever holds the turn reads the
+     * next frame. A task is run by the thread that read it, once it has
+     * passed the turn to the other, which meanwhile reads the interrupts:
+     * so a task's frame reaches the kernel without a hand-off between
+     * threads, and an interrupt is read while a task runs.
+     */
     private void serve() throws IOException {
-        for (Wire.Frame f = Wire.read(in); f != null; f = Wire.read(in)) {
-            Wire.Frame frame = f;
+        while (true) {
+            turn.acquireUninterruptibly();
+            Wire.Frame f = Wire.read(in);
+            if (f == null) {
+                return;
+            }
             switch (f.kind()) {
                 case Wire.INTERRUPT -> {
                     if (current == f.task() && engine != null) {
                         engine.interrupt();
                     }
+                    turn.release();
                 }
-                case Wire.ECHO -> send(new Wire.Writer(Wire.ECHO, f.task()).raw(f.payload()));
+                case Wire.ECHO -> {
+                    turn.release();
+                    send(new Wire.Writer(Wire.ECHO, f.task()).raw(f.payload()));
+                }
                 case Wire.INIT, Wire.EVAL, Wire.CALL, Wire.RESET, Wire.HELP -> {
-                    Wire.Reader values = f.values();
-                    Task task = task(frame, values);
-                    runner.execute(() -> run(frame.task(), task));
+                    Task task = task(f, f.values());
+                    // Named the running task before the other thread can read its interrupt.
+                    current = f.task();
+                    turn.release();
+                    run(f.task(), task);
                 }
                 default -> throw new Wire.WireException("malformed frame: unknown kind " + f.kind());
             }
@@ -146,7 +177,8 @@ public final class WorkerMain {
         return task;
     }
 
-    private void run(long id, Task task) {
+    /** Runs a task; the pool sends one at a time, and a second one would wait here. */
+    private synchronized void run(long id, Task task) {
         Wire.Writer reply;
         current = id;
         capture.lines.clear();
