@@ -540,8 +540,13 @@ public final class Bench {
         java.util.List<String> command = new ArrayList<>();
         command.add(Path.of(System.getProperty("java.home"), "bin", "java").toString());
         for (String option : ManagementFactory.getRuntimeMXBean().getInputArguments()) {
-            if (folder == null
-                    || !option.startsWith("-Djava.library.path=") && !option.startsWith("-Dambrix.library.path=")) {
+            boolean libraryPath = option.startsWith("-Djava.library.path=") || option.startsWith("-Dambrix.library.path=");
+            // The pool's JVM keeps the default heap, as a program that uses a pool would. With the
+            // large pre-touched one, each round trip's few objects land in memory the caches do not
+            // hold, and its round trips (and the worker's evaluation beside them) measured slower.
+            boolean fixedHeap = option.startsWith("-Xms") || option.startsWith("-Xmx")
+                    || option.equals("-XX:+AlwaysPreTouch");
+            if (!(folder != null && libraryPath) && !(mode.equals("--pool-child") && fixedHeap)) {
                 command.add(option);
             }
         }
