@@ -93,6 +93,10 @@ public final class WorkerMain {
         } catch (IOException e) {
             System.err.println("ambrix worker: the pool's channel failed: " + e);
             Runtime.getRuntime().halt(3);
+        } catch (Throwable e) {
+            // Any other error leaves a state no task should run in: the pool reports the loss.
+            System.err.println("ambrix worker: " + e);
+            Runtime.getRuntime().halt(3);
         }
         // The pool is gone (or asked the worker to end by closing its input).
         Runtime.getRuntime().halt(0);
@@ -186,6 +190,11 @@ public final class WorkerMain {
             reply = task.run(id);
         } catch (RuntimeException e) {
             reply = new Wire.Writer(Wire.ERROR, id).string(String.valueOf(e.getMessage())).strings(capture.lines);
+        } catch (OutOfMemoryError e) {
+            // A result too large for the worker's heap: the allocation that failed is dropped, and the
+            // worker goes on.
+            reply = new Wire.Writer(Wire.ERROR, id).string("the worker's Java heap cannot hold the result ("
+                    + e.getMessage() + "); give workers more with javaOptions").strings(capture.lines);
         } finally {
             current = 0;
         }

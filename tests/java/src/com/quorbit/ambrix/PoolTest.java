@@ -108,6 +108,17 @@ class PoolTest {
     }
 
     @Test
+    void aResultTooLargeForTheWorkersHeapFailsOnlyItsTask() {
+        java.util.List<Long> before = pool.workerPids();
+        // 80 MB of doubles, in a worker whose heap is 64 MB.
+        Throwable e = failure(pool.submit("Array(1..10^7, datatype = float[8]):"));
+        assertFalse(e instanceof WorkerLostException);
+        assertTrue(e.getMessage().startsWith("the worker's Java heap cannot hold the result"), e.getMessage());
+        assertEquals(before, pool.workerPids());
+        assertEquals(2L, pool.submit("1+1;").join().value());
+    }
+
+    @Test
     void eachTaskRunsInACleanKernelWithItsInitialization() {
         for (int i = 0; i < 3; i++) {
             assertEquals("", pool.submit("leak := 42:").join().text());
