@@ -274,10 +274,8 @@ public final class EnginePool implements AutoCloseable {
         synchronized (lock) {
             workers.add(w);
         }
-        long id = ids.incrementAndGet();
-        Task init = new Task(id, Wire.INIT,
-                new Wire.Writer(Wire.INIT, id).strings(settings.kernelArguments).strings(settings.initialize), null,
-                false, false);
+        Task init = task(Wire.INIT, null, false, false);
+        init.frame.strings(settings.kernelArguments).strings(settings.initialize);
         try {
             w.start(init).get(60, TimeUnit.SECONDS);
         } catch (ExecutionException e) {
@@ -329,8 +327,7 @@ public final class EnginePool implements AutoCloseable {
     }
 
     private Task resetTask() {
-        long id = ids.incrementAndGet();
-        return new Task(id, Wire.RESET, new Wire.Writer(Wire.RESET, id), null, false, true);
+        return task(Wire.RESET, null, false, true);
     }
 
     /** A worker is free: it takes the next waiting request, or waits itself. */
@@ -407,24 +404,28 @@ public final class EnginePool implements AutoCloseable {
 
     // ---- requests ----
 
+    /** A new task of that kind; its frame holds the header, and the caller adds the payload. */
+    private Task task(byte kind, Duration limit, boolean resetAfter, boolean pooled) {
+        return new Task(ids.incrementAndGet(), kind, limit, resetAfter, pooled);
+    }
+
     /** A statement's task: a pooled one resets its worker after it (as settings say) and frees it. */
     Task evalTask(String statement, Duration limit, boolean pooled) {
         if (statement == null) {
             throw new VexelException("Statement is NULL");
         }
-        long id = ids.incrementAndGet();
-        return new Task(id, Wire.EVAL, new Wire.Writer(Wire.EVAL, id).string(statement), limit,
-                pooled && settings.resetEveryTask, pooled);
+        Task t = task(Wire.EVAL, limit, pooled && settings.resetEveryTask, pooled);
+        t.frame.string(statement);
+        return t;
     }
 
     Task callTask(String procedure, Object[] args, Duration limit, boolean pooled) {
         if (procedure == null) {
             throw new VexelException("Procedure name is NULL");
         }
-        long id = ids.incrementAndGet();
-        Wire.Writer w = new Wire.Writer(Wire.CALL, id).string(procedure)
-                .value(Arrays.asList(args == null ? new Object[0] : args));
-        return new Task(id, Wire.CALL, w, limit, pooled && settings.resetEveryTask, pooled);
+        Task t = task(Wire.CALL, limit, pooled && settings.resetEveryTask, pooled);
+        t.frame.string(procedure).value(Arrays.asList(args == null ? new Object[0] : args));
+        return t;
     }
 
     /** A session's request for help text. */
@@ -432,9 +433,9 @@ public final class EnginePool implements AutoCloseable {
         if (topic == null) {
             throw new VexelException("Topic is NULL");
         }
-        long id = ids.incrementAndGet();
-        return new Task(id, Wire.HELP, new Wire.Writer(Wire.HELP, id).string(topic).number(section).number(width),
-                null, false, false);
+        Task t = task(Wire.HELP, null, false, false);
+        t.frame.string(topic).number(section).number(width);
+        return t;
     }
 
     /**

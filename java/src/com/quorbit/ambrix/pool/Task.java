@@ -24,10 +24,11 @@ final class Task {
     /** Set once the limit passed and the worker was asked to interrupt. */
     volatile boolean limitPassed;
 
-    Task(long id, byte kind, Wire.Writer frame, Duration limit, boolean resetAfter, boolean pooled) {
+    /** A task whose frame holds its header; the payload is added to {@link #frame}. */
+    Task(long id, byte kind, Duration limit, boolean resetAfter, boolean pooled) {
         this.id = id;
         this.kind = kind;
-        this.frame = frame;
+        this.frame = new Wire.Writer(kind, id);
         this.limit = limit;
         this.resetAfter = resetAfter;
         this.pooled = pooled;
