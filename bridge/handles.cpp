@@ -77,15 +77,7 @@ void zeroCallBackFrontEnd(JNIEnv *env, jobject object) {
 
 void ThrowVexelException(JNIEnv *env, const char *message) {
     // A pending exception stands: it is what Java sees.
-    if (env->ExceptionCheck()) return;
-    if (ambrix::lookupsReady()) {
-        env->ThrowNew(lookups.vexelException, message);
-        return;
-    }
-    jclass cls = env->FindClass("com/quorbit/externalcall/VexelException");
-    if (cls == nullptr) return;
-    env->ThrowNew(cls, message);
-    env->DeleteLocalRef(cls);
+    ambrix::throwNew(env, lookups.vexelException, "com/quorbit/externalcall/VexelException", message);
 }
 
 }  // extern "C"

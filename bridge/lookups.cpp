@@ -133,6 +133,18 @@ bool lookupsReady() { return ready.load(std::memory_order_acquire); }
 
 const char *peerClassName(Peer peer) { return kPeerNames[peer]; }
 
+void throwNew(JNIEnv *env, jclass cached, const char *name, const char *message) {
+    if (env->ExceptionCheck()) return;
+    if (lookupsReady()) {
+        env->ThrowNew(cached, message);
+        return;
+    }
+    jclass cls = env->FindClass(name);
+    if (cls == nullptr) return;
+    env->ThrowNew(cls, message);
+    env->DeleteLocalRef(cls);
+}
+
 bool makeLookups(JNIEnv *env, jobject engine, jobject callBacks) {
     if (lookupsReady()) return true;
     Lookups &l = lookups;

@@ -78,6 +78,11 @@ extern Lookups lookups;
 // what it needs on each call.
 bool lookupsReady();
 
+// Throws a new exception of the class with the message, unless one is
+// pending (a pending exception stands): the class from the lookups once they
+// are made (cached), before that found by its JNI name.
+void throwNew(JNIEnv *env, jclass cached, const char *name, const char *message);
+
 // Makes the lookups, once per process; false with an exception pending
 // (the step's own message, or the VM's exception for a missing class).
 bool makeLookups(JNIEnv *env, jobject engine, jobject callBacks);

@@ -55,15 +55,7 @@ inline void widenInto(jchar *dest, const char *text, jsize n) {
 
 // Throws java.lang.OutOfMemoryError unless an exception is pending.
 inline void throwOutOfMemory(JNIEnv *env, const char *message) {
-    if (env->ExceptionCheck()) return;
-    if (lookupsReady()) {
-        env->ThrowNew(lookups.outOfMemoryError, message);
-        return;
-    }
-    jclass cls = env->FindClass("java/lang/OutOfMemoryError");
-    if (cls == nullptr) return;
-    env->ThrowNew(cls, message);
-    env->DeleteLocalRef(cls);
+    throwNew(env, lookups.outOfMemoryError, "java/lang/OutOfMemoryError", message);
 }
 
 // Kernel text as a new Java string, widened in a buffer of the library's
