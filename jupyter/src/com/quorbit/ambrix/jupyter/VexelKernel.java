@@ -354,7 +354,7 @@ public final class VexelKernel {
     }
 
     private String helpOrError(String topic) {
-        String text = topic.isEmpty() ? null : help(topic);
+        String text = help(topic);
         if (text == null) {
             throw new VexelException("no help for " + topic);
         }
@@ -567,7 +567,7 @@ public final class VexelKernel {
         JsonObject c = ok();
         c.add("metadata", new JsonObject());
         JsonObject data = new JsonObject();
-        String help = topic.isEmpty() ? null : help(topic);
+        String help = help(topic);
         c.addProperty("found", help != null);
         if (help != null) {
             data.addProperty("text/plain", help);
@@ -576,8 +576,11 @@ public final class VexelKernel {
         return c;
     }
 
-    /** The kernel's help on a topic as plain text, or null when it has none. */
+    /** The kernel's help on a topic as plain text, or null when it has none (or no topic is given). */
     private String help(String topic) {
+        if (topic.isEmpty()) {
+            return null;
+        }
         try {
             return engine.getHelpText(topic, Engine.VEXEL_HELP_ALL, 80);
         } catch (VexelException e) {
