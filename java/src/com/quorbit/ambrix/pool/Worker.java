@@ -35,6 +35,9 @@ final class Worker {
     private final Process process;
     private final SocketChannel channel;
     private final OutputStream out;
+    /** The second connection, which carries only interrupts, so that the worker reads them while a task runs. */
+    private final SocketChannel control;
+    private final OutputStream interrupts;
     private final DataInputStream in;
     private final ArrayDeque<String> lastLines = new ArrayDeque<>();
     private final AtomicBoolean ended = new AtomicBoolean();
@@ -52,8 +55,9 @@ final class Worker {
     final long started = System.nanoTime();
 
     /**
-     * Starts a worker process and waits for it to connect to its socket, a
-     * new one in the pool's private folder.
+     * Starts a worker process and waits for it to connect twice to its
+     * socket, a new one in the pool's private folder: first for tasks, then
+     * for interrupts.
      *
      * @param command the command, to which the socket's path is added
      */
@@ -61,6 +65,7 @@ final class Worker {
         this.pool = pool;
         this.errorFile = errorFile;
         SocketChannel channel;
+        SocketChannel control = null;
         try (ServerSocketChannel server = ServerSocketChannel.open(StandardProtocolFamily.UNIX)) {
             server.bind(UnixDomainSocketAddress.of(socketPath));
             java.util.List<String> c = new ArrayList<>(command);
@@ -72,11 +77,20 @@ final class Worker {
             drain.setDaemon(true);
             drain.start();
             channel = accept(server);
+            try {
+                control = accept(server);
+            } finally {
+                if (control == null) {
+                    channel.close();
+                }
+            }
         } finally {
             Files.deleteIfExists(socketPath);
         }
         this.channel = channel;
+        this.control = control;
         out = Wire.output(channel);
+        interrupts = Wire.output(control);
         in = Wire.input(channel);
         reader = new Thread(this::readAnswers, "ambrix-worker-" + process.pid());
         reader.setDaemon(true);
@@ -162,7 +176,7 @@ final class Worker {
                 return;
             }
             task.limitPassed = true;
-            send(Wire.INTERRUPT, task.id);
+            sendInterrupt(task.id);
         }
         Duration grace = pool.graceTime();
         pool.schedule(grace, () -> {
@@ -180,14 +194,14 @@ final class Worker {
     void interrupt(Task task) {
         synchronized (this) {
             if (current == task && task != null && !task.future.isDone()) {
-                send(Wire.INTERRUPT, task.id);
+                sendInterrupt(task.id);
             }
         }
     }
 
-    private void send(byte kind, long id) {
+    private void sendInterrupt(long id) {
         try {
-            new Wire.Writer(kind, id).send(out);
+            new Wire.Writer(Wire.INTERRUPT, id).send(interrupts);
         } catch (IOException e) {
             kill(null);
         }
@@ -280,6 +294,13 @@ final class Worker {
         }
         if (reason == null) {
             reason = exitReason(process.exitValue());
+        }
+        for (SocketChannel c : new SocketChannel[] {channel, control}) {
+            try {
+                c.close();
+            } catch (IOException e) {
+                // closed with the process
+            }
         }
         if (errorFile != null) {
             try {

@@ -10,14 +10,17 @@ import java.io.OutputStream;
 import java.net.UnixDomainSocketAddress;
 import java.nio.channels.SocketChannel;
 import java.util.ArrayList;
-import java.util.concurrent.Semaphore;
+import java.util.concurrent.TimeUnit;
+import java.util.concurrent.locks.LockSupport;
 
 /**
  * A pool's worker: a child JVM whose kernel runs the pool's tasks. It
- * connects to the Unix-domain socket its one argument names, in a folder
- * only the user can open, and reads frames there and answers there. The end
- * of its input means the pool is gone, even killed: the worker then halts at
- * once, so no kernel outlives its pool.
+ * connects twice to the Unix-domain socket its one argument names, in a
+ * folder only the user can open: on the first connection it reads tasks and
+ * answers them, on the second it reads interrupts, which a second thread
+ * serves while a task runs. The end of either input means the pool is gone,
+ * even killed: the worker then halts at once, so no kernel outlives its
+ * pool.
  *
  * <p>Started by {@link EnginePool}; not for use on its own. With a second
  * argument {@code --echo} it only sends back every frame it reads, with no
@@ -26,12 +29,15 @@ import java.util.concurrent.Semaphore;
 public final class WorkerMain {
     private final OutputStream out;
     private final DataInputStream in;
-    /** The turn to read the pool's frames: held by one of the two threads at a time. */
-    private final Semaphore turn = new Semaphore(1);
-    private Engine engine;
+    private volatile Engine engine;
     private java.util.List<String> initialize = java.util.List.of();
-    /** The task running now, 0 for none: an interrupt for another is dropped. */
+    /** The task read and not yet answered, 0 for none. */
     private volatile long current;
+    /** The last task answered. */
+    private volatile long answered;
+    private final Object interruptLock = new Object();
+    /** The task whose kernel call runs now, 0 for none. Guarded by interruptLock. */
+    private long running;
     private final Capture capture = new Capture();
 
     private WorkerMain(OutputStream out, DataInputStream in) {
@@ -60,19 +66,26 @@ public final class WorkerMain {
             System.err.println("ambrix worker: started without a pool");
             Runtime.getRuntime().halt(2);
         }
+        boolean echo = args.length == 2 && args[1].equals("--echo");
         WorkerMain worker;
+        DataInputStream interrupts = null;
         try {
-            SocketChannel socket = SocketChannel.open(UnixDomainSocketAddress.of(args[0]));
-            worker = new WorkerMain(Wire.output(socket), Wire.input(socket));
+            UnixDomainSocketAddress pool = UnixDomainSocketAddress.of(args[0]);
+            SocketChannel tasks = SocketChannel.open(pool);
+            worker = new WorkerMain(Wire.output(tasks), Wire.input(tasks));
+            if (!echo) {
+                interrupts = Wire.input(SocketChannel.open(pool));
+            }
         } catch (IOException e) {
             System.err.println("ambrix worker: the pool's channel failed: " + e);
             Runtime.getRuntime().halt(3);
             return;
         }
-        if (args.length == 2 && args[1].equals("--echo")) {
+        if (echo) {
             worker.guarded(worker::echo);
         } else {
-            Thread second = new Thread(() -> worker.guarded(worker::serve), "ambrix-worker-task");
+            DataInputStream in = interrupts;
+            Thread second = new Thread(() -> worker.guarded(() -> worker.interrupts(in)), "ambrix-worker-interrupts");
             second.setDaemon(true);
             second.start();
             worker.guarded(worker::serve);
@@ -108,39 +121,63 @@ public final class WorkerMain {
         }
     }
 
-    /**
-     * One of the worker's two threads. Whichever holds the turn reads the
-     * next frame. A task is run by the thread that read it, once it has
-     * passed the turn to the other, which meanwhile reads the interrupts:
-     * so a task's frame reaches the kernel without a hand-off between
-     * threads, and an interrupt is read while a task runs.
-     */
+    /** Runs the tasks, one after the other, each on this thread as soon as its frame is read. */
     private void serve() throws IOException {
-        while (true) {
-            turn.acquireUninterruptibly();
-            Wire.Frame f = Wire.read(in);
-            if (f == null) {
-                return;
-            }
+        for (Wire.Frame f = Wire.read(in); f != null; f = Wire.read(in)) {
             switch (f.kind()) {
-                case Wire.INTERRUPT -> {
-                    if (current == f.task() && engine != null) {
-                        engine.interrupt();
-                    }
-                    turn.release();
-                }
-                case Wire.ECHO -> {
-                    turn.release();
-                    send(new Wire.Writer(Wire.ECHO, f.task()).raw(f.payload()));
-                }
+                case Wire.ECHO -> send(new Wire.Writer(Wire.ECHO, f.task()).raw(f.payload()));
                 case Wire.INIT, Wire.EVAL, Wire.CALL, Wire.RESET, Wire.HELP -> {
                     Task task = task(f, f.values());
-                    // Named the running task before the other thread can read its interrupt.
                     current = f.task();
-                    turn.release();
                     run(f.task(), task);
                 }
-                default -> throw new Wire.WireException("malformed frame: unknown kind " + f.kind());
+                default -> throw new Wire.WireException("malformed frame: kind " + f.kind() + " on the task channel");
+            }
+        }
+    }
+
+    /** The second thread: reads interrupts while tasks run. */
+    private void interrupts(DataInputStream control) throws IOException {
+        for (Wire.Frame f = Wire.read(control); f != null; f = Wire.read(control)) {
+            if (f.kind() != Wire.INTERRUPT) {
+                throw new Wire.WireException("malformed frame: kind " + f.kind() + " on the interrupt channel");
+            }
+            interrupt(f.task());
+        }
+    }
+
+    /**
+     * Interrupts a task's kernel call. The interrupt comes on its own
+     * channel, so it may arrive before the task's frame is read, or before
+     * its kernel call begins, when the kernel would drop it: it is made
+     * again every few milliseconds, for half a second at most, until the
+     * task is answered or another one runs.
+     */
+    private void interrupt(long id) {
+        for (int i = 0; i < 100; i++) {
+            synchronized (interruptLock) {
+                if (running == id) {
+                    engine.interrupt();
+                }
+            }
+            long c = current;
+            if (c != id && (c != 0 || answered == id)) {
+                return;
+            }
+            LockSupport.parkNanos(TimeUnit.MILLISECONDS.toNanos(5));
+        }
+    }
+
+    /** A task's kernel call, which an interrupt for the task can end. */
+    private <T> T interruptible(long id, java.util.function.Supplier<T> call) {
+        synchronized (interruptLock) {
+            running = id;
+        }
+        try {
+            return call.get();
+        } finally {
+            synchronized (interruptLock) {
+                running = 0;
             }
         }
     }
@@ -181,10 +218,9 @@ public final class WorkerMain {
         return task;
     }
 
-    /** Runs a task; the pool sends one at a time, and a second one would wait here. */
-    private synchronized void run(long id, Task task) {
+    /** Runs a task and answers it. */
+    private void run(long id, Task task) {
         Wire.Writer reply;
-        current = id;
         capture.lines.clear();
         try {
             reply = task.run(id);
@@ -195,17 +231,15 @@ public final class WorkerMain {
             // worker goes on.
             reply = new Wire.Writer(Wire.ERROR, id).string("the worker's Java heap cannot hold the result ("
                     + e.getMessage() + "); give workers more with javaOptions").strings(capture.lines);
-        } finally {
-            current = 0;
         }
         send(reply);
+        answered = id;
+        current = 0;
     }
 
     private void send(Wire.Writer w) {
         try {
-            synchronized (out) {
-                w.send(out);
-            }
+            w.send(out);
         } catch (IOException e) {
             // The pool is gone.
             Runtime.getRuntime().halt(0);
@@ -233,7 +267,7 @@ public final class WorkerMain {
 
     private Wire.Writer evaluate(long id, String statement) {
         long start = System.nanoTime();
-        Algebraic result = engine.evaluate(statement);
+        Algebraic result = interruptible(id, () -> engine.evaluate(statement));
         long elapsed = System.nanoTime() - start;
         java.util.List<String> lines = new ArrayList<>(capture.lines);
         String text = "";
@@ -249,7 +283,7 @@ public final class WorkerMain {
 
     private Wire.Writer call(long id, String name, Object[] args) {
         long start = System.nanoTime();
-        Object value = engine.call(name, args);
+        Object value = interruptible(id, () -> engine.call(name, args));
         long elapsed = System.nanoTime() - start;
         String text = value == null ? "" : String.valueOf(value);
         return answer(id, text, sendable(value) ? value : null, capture.lines, elapsed);
@@ -257,7 +291,7 @@ public final class WorkerMain {
 
     /** Help on a topic as plain text, its attributes dropped. */
     private Wire.Writer help(long id, String topic, int section, int width) {
-        return answer(id, engine.getHelpText(topic, section, width), null, capture.lines, 0);
+        return answer(id, interruptible(id, () -> engine.getHelpText(topic, section, width)), null, capture.lines, 0);
     }
 
     /** A task's answer: its text, its value, the lines printed meanwhile and the time it took. */
