@@ -452,7 +452,11 @@ public final class EnginePool implements AutoCloseable {
     public CompletableFuture<Result> submit(String statement, Duration timeLimit) {
         Task t = evalTask(statement, timeLimit, true);
         dispatch(t, false);
-        return t.future.thenApply(Result.class::cast);
+        // A statement's task completes with a Result; the task's own future is returned, since a thread
+        // waiting on it reads the answer itself (a dependent future would be completed by another thread).
+        @SuppressWarnings("unchecked")
+        CompletableFuture<Result> f = (CompletableFuture<Result>) (CompletableFuture<?>) t.future;
+        return f;
     }
 
     /**

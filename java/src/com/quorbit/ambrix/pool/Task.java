@@ -3,7 +3,6 @@ package com.quorbit.ambrix.pool;
 import com.quorbit.externalcall.VexelException;
 import java.math.BigDecimal;
 import java.time.Duration;
-import java.util.concurrent.CompletableFuture;
 
 /** One request to a worker: its frame, its time limit, and the future it completes. */
 final class Task {
@@ -20,7 +19,9 @@ final class Task {
      * session's close on another thread may have changed.
      */
     final boolean pooled;
-    final CompletableFuture<Object> future = new CompletableFuture<>();
+    final TaskFuture<Object> future = new TaskFuture<>(this);
+    /** The worker the task was sent to, once it was. */
+    volatile Worker worker;
     /** Set once the limit passed and the worker was asked to interrupt. */
     volatile boolean limitPassed;
 

@@ -100,6 +100,99 @@ final class Wire {
         return new Frame(b.get(), b.getLong(), b.slice());
     }
 
+    /**
+     * The frames of a channel read without blocking, as its bytes come: what
+     * has come of a frame waits here for the rest. Checks and messages are
+     * those of {@link #read}.
+     */
+    static final class Assembler {
+        /** Bytes read and not yet taken, between position and limit. */
+        private final ByteBuffer staged = ByteBuffer.allocate(1 << 16).flip();
+        /** A frame larger than the staging buffer, read straight into its body. */
+        private ByteBuffer large;
+
+        /**
+         * The next whole frame, reading the channel only when the bytes
+         * already here hold none; null when the channel has nothing more
+         * for now.
+         *
+         * @throws EOFException  at the end of input between frames
+         * @throws WireException for a frame that is too short, too long or cut off
+         */
+        Frame next(java.nio.channels.ReadableByteChannel channel) throws IOException {
+            while (true) {
+                Frame f = take();
+                if (f != null) {
+                    return f;
+                }
+                int n;
+                if (large != null) {
+                    n = channel.read(large);
+                } else {
+                    staged.compact();
+                    try {
+                        n = channel.read(staged);
+                    } finally {
+                        staged.flip();
+                    }
+                }
+                if (n < 0) {
+                    throw ended();
+                }
+                if (n == 0) {
+                    return null;
+                }
+            }
+        }
+
+        private Frame take() throws WireException {
+            ByteBuffer body;
+            if (large != null) {
+                if (large.hasRemaining()) {
+                    return null;
+                }
+                body = large.flip();
+                large = null;
+            } else {
+                if (staged.remaining() < 4) {
+                    return null;
+                }
+                int length = staged.getInt(staged.position());
+                if (length < 9 || length > MAX_FRAME) {
+                    throw new WireException("bad frame length " + length + " (9 to " + MAX_FRAME + " bytes)");
+                }
+                if (4 + length > staged.capacity()) {
+                    staged.position(staged.position() + 4);
+                    large = ByteBuffer.allocate(length).put(staged);
+                    return null;
+                }
+                if (staged.remaining() < 4 + length) {
+                    return null;
+                }
+                staged.position(staged.position() + 4);
+                byte[] bytes = new byte[length];
+                staged.get(bytes);
+                body = ByteBuffer.wrap(bytes);
+            }
+            return new Frame(body.get(), body.getLong(), body.slice());
+        }
+
+        private IOException ended() {
+            if (large != null) {
+                return new WireException("truncated frame: the input ended inside a frame of " + large.capacity()
+                        + " bytes");
+            }
+            if (staged.remaining() >= 4) {
+                return new WireException("truncated frame: the input ended inside a frame of "
+                        + staged.getInt(staged.position()) + " bytes");
+            }
+            if (staged.hasRemaining()) {
+                return new WireException("truncated frame: the input ended inside a frame's length");
+            }
+            return new EOFException();
+        }
+    }
+
     /** Builds one frame's payload, then writes it. */
     static final class Writer {
         private ByteBuffer buf = ByteBuffer.allocate(256);
@@ -479,17 +572,48 @@ final class Wire {
                 write(new byte[] {(byte) b}, 0, 1);
             }
 
+            /** Waits for room when a non-blocking channel is full; opened when first needed. */
+            private java.nio.channels.Selector writable;
+
             @Override
             public void write(byte[] b, int off, int len) throws IOException {
                 ByteBuffer buf = ByteBuffer.wrap(b, off, len);
                 while (buf.hasRemaining()) {
-                    channel.write(buf);
+                    if (channel.write(buf) == 0) {
+                        awaitWritable();
+                    }
                 }
             }
 
+            /** Waits for room in a non-blocking channel, whatever the thread's interrupt status. */
+            private void awaitWritable() throws IOException {
+                if (writable == null) {
+                    writable = java.nio.channels.Selector.open();
+                    channel.register(writable, java.nio.channels.SelectionKey.OP_WRITE);
+                }
+                boolean interrupted = Thread.interrupted();
+                try {
+                    writable.select();
+                    writable.selectedKeys().clear();
+                } finally {
+                    if (interrupted) {
+                        Thread.currentThread().interrupt();
+                    }
+                }
+            }
+
+            /** Ends the output; the channel stays open for reading. */
             @Override
             public void close() throws IOException {
-                channel.shutdownOutput();
+                try {
+                    if (channel.isOpen()) {
+                        channel.shutdownOutput();
+                    }
+                } finally {
+                    if (writable != null) {
+                        writable.close();
+                    }
+                }
             }
         };
     }

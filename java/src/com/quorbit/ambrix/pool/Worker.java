@@ -1,6 +1,5 @@
 package com.quorbit.ambrix.pool;
 
-import java.io.DataInputStream;
 import java.io.File;
 import java.io.IOException;
 import java.io.InputStreamReader;
@@ -15,16 +14,29 @@ import java.util.ArrayList;
 import java.util.concurrent.CompletableFuture;
 import java.util.concurrent.TimeUnit;
 import java.util.concurrent.atomic.AtomicBoolean;
+import java.util.concurrent.atomic.AtomicInteger;
+import java.util.concurrent.locks.LockSupport;
+import java.util.concurrent.locks.ReentrantLock;
 import java.util.regex.Matcher;
 import java.util.regex.Pattern;
 import java.net.StandardProtocolFamily;
 import java.net.UnixDomainSocketAddress;
+import java.nio.channels.ClosedSelectorException;
+import java.nio.channels.SelectionKey;
+import java.nio.channels.Selector;
 import java.nio.channels.ServerSocketChannel;
 import java.nio.channels.SocketChannel;
 
 /**
  * The pool's side of one worker process: its channel, the task it runs, the
  * limits on that task, and the process's end.
+ *
+ * <p>The channels do not block, so that an interrupted caller's thread
+ * never closes them. The answers are read by whichever thread holds
+ * {@code reading}: a caller waiting for its task's future when it can (see
+ * {@link TaskFuture}), else the worker's reader thread, which leaves the
+ * channel to such callers while they wait. Only the reader thread reports
+ * the end of the process.
  */
 final class Worker {
     /** HotSpot's first report of a fatal signal, on the standard error it was told to use. */
@@ -38,7 +50,23 @@ final class Worker {
     /** The second connection, which carries only interrupts, so that the worker reads them while a task runs. */
     private final SocketChannel control;
     private final OutputStream interrupts;
-    private final DataInputStream in;
+    /** What has come of the next answer. Guarded by reading. */
+    private final Wire.Assembler answers = new Wire.Assembler();
+    private final ReentrantLock reading = new ReentrantLock();
+    /** Callers waiting to read the channel, or reading it: the reader thread then leaves it to them. */
+    private final AtomicInteger waiters = new AtomicInteger();
+    /** Whether the reader thread watches the channel, or only looks now and then. */
+    private volatile boolean eager = true;
+    /** How long the reader thread is parked for, in nanoseconds; 0 while it is not. */
+    private volatile long parkedFor;
+    private static final long TICK = TimeUnit.MILLISECONDS.toNanos(1);
+    private static final long MAX_TICK = TimeUnit.MILLISECONDS.toNanos(64);
+    private final Selector readerSelector;
+    /** The selector of the caller that holds reading. */
+    private final Selector waiterSelector;
+    private volatile boolean waiterSelecting;
+    /** Set once the input ended, or failed: nothing more is read. */
+    private volatile boolean inputEnded;
     private final ArrayDeque<String> lastLines = new ArrayDeque<>();
     private final AtomicBoolean ended = new AtomicBoolean();
     private final Thread reader;
@@ -46,8 +74,8 @@ final class Worker {
     private final Path errorFile;
     /** Why the pool ended the process, or what killed it; null while it lives. */
     private volatile String reason;
-    /** The task on the worker now, or null. Guarded by this. */
-    private Task current;
+    /** The task on the worker now, or null. Written holding this. */
+    private volatile Task current;
     /** The session the worker serves, or null. */
     volatile Session session;
     /** Set once its kernel has started: only such a worker is replaced when lost. */
@@ -91,10 +119,14 @@ final class Worker {
         this.control = control;
         out = Wire.output(channel);
         interrupts = Wire.output(control);
-        in = Wire.input(channel);
+        readerSelector = Selector.open();
+        waiterSelector = Selector.open();
+        channel.register(readerSelector, SelectionKey.OP_READ);
+        channel.register(waiterSelector, SelectionKey.OP_READ);
         reader = new Thread(this::readAnswers, "ambrix-worker-" + process.pid());
         reader.setDaemon(true);
         reader.start();
+        process.onExit().thenRun(this::wakeReader);
     }
 
     /** The worker's connection; fails when the process ends first or takes a minute. */
@@ -104,7 +136,7 @@ final class Worker {
         while (true) {
             SocketChannel c = server.accept();
             if (c != null) {
-                c.configureBlocking(true);
+                c.configureBlocking(false);
                 return c;
             }
             if (!process.isAlive() || System.nanoTime() > deadline) {
@@ -156,6 +188,7 @@ final class Worker {
                 return false;
             }
             current = task;
+            task.worker = this;
             try {
                 task.frame.send(out);
             } catch (IOException e) {
@@ -163,6 +196,11 @@ final class Worker {
                 kill(null);
                 return true;
             }
+        }
+        if (task.kind == Wire.RESET) {
+            wakeReader();
+        } else if (parkedFor > TICK) {
+            LockSupport.unpark(reader);
         }
         if (task.limit != null) {
             pool.schedule(task.limit, () -> limitPassed(task));
@@ -172,7 +210,7 @@ final class Worker {
 
     private void limitPassed(Task task) {
         synchronized (this) {
-            if (current != task || task.future.isDone()) {
+            if (current != task) {
                 return;
             }
             task.limitPassed = true;
@@ -181,7 +219,7 @@ final class Worker {
         Duration grace = pool.graceTime();
         pool.schedule(grace, () -> {
             synchronized (this) {
-                if (current != task || task.future.isDone()) {
+                if (current != task) {
                     return;
                 }
             }
@@ -193,7 +231,7 @@ final class Worker {
     /** Asks the worker to end the task it runs now, if it is still that one. */
     void interrupt(Task task) {
         synchronized (this) {
-            if (current == task && task != null && !task.future.isDone()) {
+            if (current == task && task != null) {
                 sendInterrupt(task.id);
             }
         }
@@ -240,22 +278,158 @@ final class Worker {
         }
     }
 
-    /** The reader thread: every answer completes the task it names; the end of input is the process's end. */
+    /**
+     * The reader thread. While it is eager it watches the channel and reads
+     * every answer no caller waits to read. When it finds a caller reading,
+     * it turns lazy: it looks at the worker now and then, a millisecond
+     * apart at first and less often while nothing changes, and turns eager
+     * again for a task that stays unanswered with no caller waiting, for a
+     * reset (which no caller waits for), and when the process ends. So a
+     * caller that waits for its answers is not woken together with it.
+     */
     private void readAnswers() {
-        String failure = null;
+        long tick = TICK;
+        Task seen = null;
         try {
-            for (Wire.Frame f = Wire.read(in); f != null; f = Wire.read(in)) {
+            while (!inputEnded) {
+                if (eager && waiters.get() == 0) {
+                    reading.lock();
+                    try {
+                        readAvailable();
+                    } finally {
+                        reading.unlock();
+                    }
+                    if (inputEnded) {
+                        break;
+                    }
+                    readerSelector.select();
+                    readerSelector.selectedKeys().clear();
+                    if (waiters.get() > 0) {
+                        eager = false;
+                        tick = TICK;
+                    }
+                    continue;
+                }
+                Task now = current;
+                tick = now != seen ? TICK : Math.min(2 * tick, MAX_TICK);
+                boolean idle = now == null && now == seen && tick == MAX_TICK;
+                seen = now;
+                parkedFor = idle ? Long.MAX_VALUE : tick;
+                // Published before current is read again: a task sent meanwhile unparks a long park.
+                if (current == now && !eager && !inputEnded) {
+                    if (idle) {
+                        LockSupport.park(this);
+                    } else {
+                        LockSupport.parkNanos(this, tick);
+                    }
+                }
+                parkedFor = 0;
+                if (now != null && current == now && waiters.get() == 0) {
+                    eager = true;
+                }
+            }
+        } catch (IOException | ClosedSelectorException e) {
+            inputEnded = true;
+        }
+        ended();
+    }
+
+    /** Makes the reader thread watch the channel again, from any thread. */
+    private void wakeReader() {
+        eager = true;
+        LockSupport.unpark(reader);
+        readerSelector.wakeup();
+    }
+
+    /**
+     * Waits for a task's answer by reading the channel on this thread, if no
+     * other thread reads it now.
+     *
+     * @param deadline System.nanoTime() to stop at, 0 for none
+     * @return false when the thread was interrupted and the wait is interruptible
+     *         (its interrupt status is then cleared); true otherwise, also
+     *         when another thread reads, or the deadline passed
+     */
+    boolean awaitAnswer(Task task, long deadline, boolean interruptible) {
+        waiters.incrementAndGet();
+        boolean interrupted = false;
+        try {
+            if (!reading.tryLock()) {
+                return true;
+            }
+            try {
+                while (!task.future.isDone() && !inputEnded) {
+                    readAvailable();
+                    long wait = 1000;
+                    if (deadline != 0) {
+                        long left = deadline - System.nanoTime();
+                        if (left <= 0) {
+                            break;
+                        }
+                        wait = Math.min(wait, Math.max(1, TimeUnit.NANOSECONDS.toMillis(left)));
+                    }
+                    if (Thread.interrupted()) {
+                        if (interruptible) {
+                            return false;
+                        }
+                        interrupted = true;
+                    }
+                    waiterSelecting = true;
+                    try {
+                        if (!task.future.isDone() && !inputEnded) {
+                            waiterSelector.select(wait);
+                        }
+                    } finally {
+                        waiterSelecting = false;
+                    }
+                    waiterSelector.selectedKeys().clear();
+                }
+            } finally {
+                reading.unlock();
+            }
+        } catch (IOException | ClosedSelectorException e) {
+            // This thread cannot wait on the channel: the reader thread reads on.
+        } finally {
+            waiters.decrementAndGet();
+            if (!task.future.isDone()) {
+                // Left before the answer came (a deadline, an interrupt): the reader thread reads it.
+                wakeReader();
+            }
+            if (interrupted) {
+                Thread.currentThread().interrupt();
+            }
+        }
+        return true;
+    }
+
+    /** Ends a caller's wait on the channel, for a task completed by another thread. */
+    void wakeWaiter() {
+        if (waiterSelecting) {
+            waiterSelector.wakeup();
+        }
+    }
+
+    /** Completes the tasks of every whole answer that has come. Holding reading. */
+    private void readAvailable() {
+        if (inputEnded) {
+            return;
+        }
+        try {
+            for (Wire.Frame f = answers.next(channel); f != null; f = answers.next(channel)) {
                 answered(f);
             }
         } catch (Wire.WireException e) {
-            failure = "protocol error: " + e.getMessage();
+            kill("protocol error: " + e.getMessage());
+            endInput();
         } catch (IOException e) {
             // the process ended
+            endInput();
         }
-        if (failure != null) {
-            kill(failure);
-        }
-        ended();
+    }
+
+    private void endInput() {
+        inputEnded = true;
+        wakeReader();
     }
 
     private void answered(Wire.Frame f) throws Wire.WireException {
@@ -295,12 +469,18 @@ final class Worker {
         if (reason == null) {
             reason = exitReason(process.exitValue());
         }
-        for (SocketChannel c : new SocketChannel[] {channel, control}) {
-            try {
-                c.close();
-            } catch (IOException e) {
-                // closed with the process
+        reading.lock();
+        try {
+            for (java.io.Closeable c : new java.io.Closeable[] {out, interrupts, channel, control, readerSelector,
+                waiterSelector}) {
+                try {
+                    c.close();
+                } catch (IOException e) {
+                    // closed with the process
+                }
             }
+        } finally {
+            reading.unlock();
         }
         if (errorFile != null) {
             try {

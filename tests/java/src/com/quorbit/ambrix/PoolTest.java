@@ -110,6 +110,39 @@ class PoolTest {
         assertEquals(before, pool.workerPids());
     }
 
+    /** A caller's interrupt status is its own: it never closes a worker's channel. */
+    @Test
+    void anInterruptedCallerLosesNoWorker() throws Exception {
+        java.util.List<Long> before = pool.workerPids();
+        Thread.currentThread().interrupt();
+        try {
+            assertEquals("2", pool.submit("1+1;").join().text());
+            assertTrue(Thread.currentThread().isInterrupted(), "join keeps the interrupt status");
+            CompletableFuture<Result> f = pool.submit("for i to 300000 do end do: 3;");
+            assertThrows(InterruptedException.class, f::get);
+            assertEquals("3", f.join().text());
+        } finally {
+            Thread.interrupted();
+        }
+        assertEquals(before, pool.workerPids());
+    }
+
+    /** A caller that stops waiting leaves the answer to the pool, which completes what depends on it. */
+    @Test
+    void anAnswerNoCallerWaitsForStillCompletesItsFuture() throws Exception {
+        CompletableFuture<Result> f = pool.submit("for i to 300000 do end do: 7;");
+        assertThrows(java.util.concurrent.TimeoutException.class, () -> f.get(1, TimeUnit.MILLISECONDS));
+        assertEquals("7", f.thenApply(Result::text).get(30, TimeUnit.SECONDS));
+        // Tasks that no caller waits for directly, after ones that callers did.
+        for (int i = 0; i < 3; i++) {
+            pool.submit("1;").join();
+            CompletableFuture<Result> a = pool.submit("2;");
+            CompletableFuture<Result> b = pool.submit("3;");
+            CompletableFuture.allOf(a, b).get(30, TimeUnit.SECONDS);
+            assertEquals("2 3", a.getNow(null).text() + " " + b.getNow(null).text());
+        }
+    }
+
     @Test
     void aResultTooLargeForTheWorkersHeapFailsOnlyItsTask() {
         java.util.List<Long> before = pool.workerPids();

@@ -80,11 +80,81 @@ class WireTest {
                 Arguments.of("cut in its length", new byte[] {0, 0}, "truncated frame"));
     }
 
+    /** Both sides refuse a bad frame with the same message: the worker's blocking read and the pool's assembler. */
     @ParameterizedTest(name = "{0}")
     @MethodSource("badFrames")
     void aBadFrameIsRefused(String what, byte[] bytes, String message) {
         Wire.WireException e = assertThrows(Wire.WireException.class, () -> read(bytes));
         assertTrue(e.getMessage().contains(message), e.getMessage());
+        for (int chunk : new int[] {1, bytes.length}) {
+            Wire.WireException a = assertThrows(Wire.WireException.class, () -> assemble(bytes, chunk));
+            assertEquals(e.getMessage(), a.getMessage());
+        }
+    }
+
+    /** A non-blocking channel: at most `chunk` bytes a read, with "nothing for now" between reads. */
+    static final class Trickle implements java.nio.channels.ReadableByteChannel {
+        private final byte[] data;
+        private final int chunk;
+        private int at;
+        private boolean paused;
+
+        Trickle(byte[] data, int chunk) {
+            this.data = data;
+            this.chunk = chunk;
+        }
+
+        @Override
+        public int read(ByteBuffer dst) {
+            if (at == data.length) return -1;
+            paused = !paused;
+            if (!paused) return 0;
+            int n = Math.min(chunk, Math.min(dst.remaining(), data.length - at));
+            dst.put(data, at, n);
+            at += n;
+            return n;
+        }
+
+        @Override
+        public boolean isOpen() {
+            return true;
+        }
+
+        @Override
+        public void close() {
+        }
+    }
+
+    /** Every frame an assembler makes of the bytes, read in chunks, up to the clean end. */
+    static java.util.List<Wire.Frame> assemble(byte[] bytes, int chunk) throws Exception {
+        Wire.Assembler a = new Wire.Assembler();
+        Trickle in = new Trickle(bytes, chunk);
+        java.util.List<Wire.Frame> frames = new java.util.ArrayList<>();
+        try {
+            while (true) {
+                Wire.Frame f = a.next(in);
+                if (f != null) frames.add(f);
+            }
+        } catch (java.io.EOFException end) {
+            return frames;
+        }
+    }
+
+    /** Frames cut anywhere, also one larger than the assembler's buffer, come out whole and in order. */
+    @ParameterizedTest
+    @org.junit.jupiter.params.provider.ValueSource(ints = {1, 7, 4096, Integer.MAX_VALUE})
+    void theAssemblerJoinsFramesCutAnywhere(int chunk) throws Exception {
+        ByteArrayOutputStream out = new ByteArrayOutputStream();
+        new Wire.Writer(Wire.RESULT, 1).string("small").send(out);
+        double[] big = new double[40_000];
+        java.util.Arrays.setAll(big, i -> i);
+        new Wire.Writer(Wire.RESULT, 2).value(big).send(out);
+        new Wire.Writer(Wire.DONE, 3).send(out);
+        java.util.List<Wire.Frame> frames = assemble(out.toByteArray(), chunk);
+        assertEquals(java.util.List.of(1L, 2L, 3L), frames.stream().map(Wire.Frame::task).toList());
+        assertEquals("small", frames.get(0).values().string());
+        assertArrayEquals(big, (double[]) frames.get(1).values().value());
+        assertEquals(Wire.DONE, frames.get(2).kind());
     }
 
     static Stream<Arguments> badPayloads() {

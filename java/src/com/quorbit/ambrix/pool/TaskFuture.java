@@ -1,0 +1,92 @@
+package com.quorbit.ambrix.pool;
+
+import java.util.concurrent.CompletableFuture;
+import java.util.concurrent.ExecutionException;
+import java.util.concurrent.TimeUnit;
+import java.util.concurrent.TimeoutException;
+
+/**
+ * A task's future. A thread that waits for it reads the worker's answer
+ * itself when no other thread is reading that worker's channel, so the
+ * answer wakes the waiting thread directly instead of a reader thread that
+ * would then wake it. Otherwise it behaves as any {@link CompletableFuture}.
+ */
+final class TaskFuture<T> extends CompletableFuture<T> {
+    private final Task task;
+
+    TaskFuture(Task task) {
+        this.task = task;
+    }
+
+    @Override
+    public T join() {
+        awaitAnswer(0, false);
+        return super.join();
+    }
+
+    @Override
+    public T get() throws InterruptedException, ExecutionException {
+        if (!awaitAnswer(0, true)) {
+            throw new InterruptedException();
+        }
+        return super.get();
+    }
+
+    @Override
+    public T get(long timeout, TimeUnit unit) throws InterruptedException, ExecutionException, TimeoutException {
+        long deadline = System.nanoTime() + unit.toNanos(timeout);
+        if (!awaitAnswer(deadline == 0 ? 1 : deadline, true)) {
+            throw new InterruptedException();
+        }
+        return super.get(Math.max(0, deadline - System.nanoTime()), TimeUnit.NANOSECONDS);
+    }
+
+    /**
+     * Reads the answer on this thread if the task runs on a worker and no
+     * other thread reads there; otherwise the completion comes as usual.
+     *
+     * @param deadline    System.nanoTime() to give up at, 0 for none
+     * @return false when interrupted and interruptible
+     */
+    private boolean awaitAnswer(long deadline, boolean interruptible) {
+        Worker w = task.worker;
+        return isDone() || w == null || w.awaitAnswer(task, deadline, interruptible);
+    }
+
+    // Any completion, also one a caller makes, ends a wait that reads the channel.
+
+    @Override
+    public boolean complete(T value) {
+        return woke(super.complete(value));
+    }
+
+    @Override
+    public boolean completeExceptionally(Throwable e) {
+        return woke(super.completeExceptionally(e));
+    }
+
+    @Override
+    public boolean cancel(boolean mayInterruptIfRunning) {
+        return woke(super.cancel(mayInterruptIfRunning));
+    }
+
+    @Override
+    public void obtrudeValue(T value) {
+        super.obtrudeValue(value);
+        woke(true);
+    }
+
+    @Override
+    public void obtrudeException(Throwable e) {
+        super.obtrudeException(e);
+        woke(true);
+    }
+
+    private boolean woke(boolean completed) {
+        Worker w = task.worker;
+        if (completed && w != null) {
+            w.wakeWaiter();
+        }
+        return completed;
+    }
+}
