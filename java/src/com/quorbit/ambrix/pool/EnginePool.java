@@ -48,9 +48,15 @@ import java.util.concurrent.atomic.AtomicLong;
  * Worker starts, losses and replacements are logged to the
  * {@link System.Logger} named {@code com.quorbit.ambrix.pool}.
  *
- * <p>Workers talk to the pool over their standard input and output, which
- * no other process can reach, and end by themselves when the pool's JVM
- * ends, however it ends.
+ * <p>Workers talk to the pool over Unix-domain sockets in a folder only
+ * the user can open, and end by themselves when the pool's JVM ends,
+ * however it ends.
+ *
+ * <p>A thread that waits for a task's future with {@code join} or
+ * {@code get} reads the worker's answer itself, so the answer wakes it
+ * directly. A caller's interrupt status never harms a worker: {@code join}
+ * keeps it, and {@code get} throws {@link InterruptedException} while the
+ * task goes on.
  */
 public final class EnginePool implements AutoCloseable {
     static final System.Logger LOG = System.getLogger("com.quorbit.ambrix.pool");

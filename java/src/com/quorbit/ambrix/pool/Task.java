@@ -22,6 +22,8 @@ final class Task {
     final TaskFuture<Object> future = new TaskFuture<>(this);
     /** The worker the task was sent to, once it was. */
     volatile Worker worker;
+    /** A caller waiting for the task to be sent, so that it reads the answer itself; or null. */
+    volatile Thread waiting;
     /** Set once the limit passed and the worker was asked to interrupt. */
     volatile boolean limitPassed;
 

@@ -4,6 +4,7 @@ import java.util.concurrent.CompletableFuture;
 import java.util.concurrent.ExecutionException;
 import java.util.concurrent.TimeUnit;
 import java.util.concurrent.TimeoutException;
+import java.util.concurrent.locks.LockSupport;
 
 /**
  * A task's future. A thread that waits for it reads the worker's answer
@@ -42,7 +43,7 @@ final class TaskFuture<T> extends CompletableFuture<T> {
     }
 
     /**
-     * Reads the answer on this thread if the task runs on a worker and no
+     * Reads the answer on this thread once the task runs on a worker, if no
      * other thread reads there; otherwise the completion comes as usual.
      *
      * @param deadline    System.nanoTime() to give up at, 0 for none
@@ -50,7 +51,35 @@ final class TaskFuture<T> extends CompletableFuture<T> {
      */
     private boolean awaitAnswer(long deadline, boolean interruptible) {
         Worker w = task.worker;
-        return isDone() || w == null || w.awaitAnswer(task, deadline, interruptible);
+        if (w == null && !isDone()) {
+            // In line for a worker: the worker that takes it unparks this thread.
+            boolean interrupted = false;
+            task.waiting = Thread.currentThread();
+            try {
+                while ((w = task.worker) == null && !isDone()) {
+                    long wait = TimeUnit.MILLISECONDS.toNanos(50);
+                    if (deadline != 0) {
+                        wait = Math.min(wait, deadline - System.nanoTime());
+                        if (wait <= 0) {
+                            return true;
+                        }
+                    }
+                    if (Thread.interrupted()) {
+                        if (interruptible) {
+                            return false;
+                        }
+                        interrupted = true;
+                    }
+                    LockSupport.parkNanos(this, wait);
+                }
+            } finally {
+                task.waiting = null;
+                if (interrupted) {
+                    Thread.currentThread().interrupt();
+                }
+            }
+        }
+        return isDone() || w.awaitAnswer(task, deadline, interruptible);
     }
 
     // Any completion, also one a caller makes, ends a wait that reads the channel.
@@ -83,9 +112,15 @@ final class TaskFuture<T> extends CompletableFuture<T> {
     }
 
     private boolean woke(boolean completed) {
-        Worker w = task.worker;
-        if (completed && w != null) {
-            w.wakeWaiter();
+        if (completed) {
+            Worker w = task.worker;
+            if (w != null) {
+                w.wakeWaiter();
+            }
+            Thread t = task.waiting;
+            if (t != null) {
+                LockSupport.unpark(t);
+            }
         }
         return completed;
     }

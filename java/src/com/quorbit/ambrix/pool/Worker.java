@@ -197,7 +197,11 @@ final class Worker {
                 return true;
             }
         }
-        if (task.kind == Wire.RESET) {
+        Thread waiting = task.waiting;
+        if (waiting != null) {
+            LockSupport.unpark(waiting);
+        } else if (task.kind == Wire.RESET || task.future.getNumberOfDependents() > 0) {
+            // No caller will read this answer.
             wakeReader();
         } else if (parkedFor > TICK) {
             LockSupport.unpark(reader);
@@ -280,22 +284,26 @@ final class Worker {
 
     /**
      * The reader thread. While it is eager it watches the channel and reads
-     * every answer no caller waits to read. When it finds a caller reading,
-     * it turns lazy: it looks at the worker now and then, a millisecond
-     * apart at first and less often while nothing changes, and turns eager
-     * again for a task that stays unanswered with no caller waiting, for a
+     * every answer no caller waits to read. When it finds callers reading
+     * their own answers twice in a row, it turns lazy: it looks at the worker
+     * now and then, a millisecond apart at first and less often while
+     * nothing changes, and turns eager again for a task that stays
+     * unanswered with no caller reading or that something depends on, for a
      * reset (which no caller waits for), and when the process ends. So a
      * caller that waits for its answers is not woken together with it.
      */
     private void readAnswers() {
         long tick = TICK;
         Task seen = null;
+        int votes = 0;
         try {
             while (!inputEnded) {
                 if (eager && waiters.get() == 0) {
                     reading.lock();
                     try {
-                        readAvailable();
+                        if (readAvailable() > 0) {
+                            votes = 0;
+                        }
                     } finally {
                         reading.unlock();
                     }
@@ -304,19 +312,20 @@ final class Worker {
                     }
                     readerSelector.select();
                     readerSelector.selectedKeys().clear();
-                    if (waiters.get() > 0) {
+                    if (waiters.get() > 0 && ++votes == 2) {
                         eager = false;
-                        tick = TICK;
+                        votes = 0;
                     }
                     continue;
                 }
+                // Lazy, or callers read now: look again after a while.
                 Task now = current;
                 tick = now != seen ? TICK : Math.min(2 * tick, MAX_TICK);
-                boolean idle = now == null && now == seen && tick == MAX_TICK;
+                boolean idle = !eager && now == null && now == seen && tick == MAX_TICK;
                 seen = now;
                 parkedFor = idle ? Long.MAX_VALUE : tick;
                 // Published before current is read again: a task sent meanwhile unparks a long park.
-                if (current == now && !eager && !inputEnded) {
+                if (current == now && !inputEnded) {
                     if (idle) {
                         LockSupport.park(this);
                     } else {
@@ -324,7 +333,8 @@ final class Worker {
                     }
                 }
                 parkedFor = 0;
-                if (now != null && current == now && waiters.get() == 0) {
+                if (now != null && waiters.get() == 0
+                        && (current == now || now.future.getNumberOfDependents() > 0)) {
                     eager = true;
                 }
             }
@@ -351,10 +361,21 @@ final class Worker {
      *         when another thread reads, or the deadline passed
      */
     boolean awaitAnswer(Task task, long deadline, boolean interruptible) {
+        boolean interrupted = false;  // an interrupt status to give back on the way out
         waiters.incrementAndGet();
-        boolean interrupted = false;
         try {
-            if (!reading.tryLock()) {
+            boolean locked;
+            try {
+                // Whoever holds it now is about to leave: done with its own answer, or reading what came.
+                locked = reading.tryLock(1, TimeUnit.MILLISECONDS);
+            } catch (InterruptedException e) {
+                if (interruptible) {
+                    return false;
+                }
+                interrupted = true;
+                locked = reading.tryLock();
+            }
+            if (!locked) {
                 return true;
             }
             try {
@@ -409,14 +430,16 @@ final class Worker {
         }
     }
 
-    /** Completes the tasks of every whole answer that has come. Holding reading. */
-    private void readAvailable() {
+    /** Completes the tasks of every whole answer that has come; returns how many. Holding reading. */
+    private int readAvailable() {
+        int n = 0;
         if (inputEnded) {
-            return;
+            return n;
         }
         try {
             for (Wire.Frame f = answers.next(channel); f != null; f = answers.next(channel)) {
                 answered(f);
+                n++;
             }
         } catch (Wire.WireException e) {
             kill("protocol error: " + e.getMessage());
@@ -425,6 +448,7 @@ final class Worker {
             // the process ended
             endInput();
         }
+        return n;
     }
 
     private void endInput() {

@@ -196,13 +196,21 @@ class PoolTest {
         awaitWorkers(pool, 2, java.util.List.of());
         String loop = "for i to 1400000 do end do: 1;";
         CompletableFuture.allOf(pool.submit("1;"), pool.submit("1;")).join();
-        long one = System.nanoTime();
-        pool.submit(loop).join();
-        one = System.nanoTime() - one;
-        long both = System.nanoTime();
-        CompletableFuture.allOf(pool.submit(loop), pool.submit(loop)).join();
-        both = System.nanoTime() - both;
-        assertTrue(both < 1.6 * one, "two loops took " + both / 1e6 + " ms, one " + one / 1e6 + " ms");
+        // A pool that ran them one after the other would never pass; a busy machine may spoil one attempt.
+        String attempts = "";
+        for (int attempt = 0; attempt < 3; attempt++) {
+            long one = System.nanoTime();
+            pool.submit(loop).join();
+            one = System.nanoTime() - one;
+            long both = System.nanoTime();
+            CompletableFuture.allOf(pool.submit(loop), pool.submit(loop)).join();
+            both = System.nanoTime() - both;
+            if (both < 1.6 * one) {
+                return;
+            }
+            attempts += String.format(" two loops took %.0f ms, one %.0f ms;", both / 1e6, one / 1e6);
+        }
+        throw new AssertionError("no attempt ran the loops at once:" + attempts);
     }
 
     /** The conversions' round trips (but null, which no procedure takes as one argument), and a large array. */
