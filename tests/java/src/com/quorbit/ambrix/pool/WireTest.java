@@ -186,17 +186,28 @@ class WireTest {
         assertNull(read(new byte[0]));
     }
 
-    /** A worker given a bad frame says what was wrong and ends; it never hangs. */
+    /** The bad frames on the task channel, then frames that belong on the other channel. */
+    static Stream<Arguments> workerBadFrames() throws Exception {
+        byte[] interrupt = frame(new Wire.Writer(Wire.INTERRUPT, 1));
+        byte[] task = frame(new Wire.Writer(Wire.EVAL, 1).string("1;"));
+        return Stream.concat(badFrames().map(a -> Arguments.of(a.get()[0], a.get()[1], a.get()[2], false)),
+                Stream.of(Arguments.of("an interrupt with the tasks", interrupt, "kind 5 on the task channel", false),
+                        Arguments.of("a task with the interrupts", task, "kind 2 on the interrupt channel", true),
+                        Arguments.of("truncated interrupt", header(100, 10).array(), "truncated frame", true)));
+    }
+
+    /** A worker given a bad frame on either of its channels says what was wrong and ends; it never hangs. */
     @ParameterizedTest(name = "{0}")
-    @MethodSource("badFrames")
-    void aWorkerEndsOnABadFrame(String what, byte[] bytes, String message) throws Exception {
+    @MethodSource("workerBadFrames")
+    void aWorkerEndsOnABadFrame(String what, byte[] bytes, String message, boolean onInterrupts) throws Exception {
         Path dir = Files.createTempDirectory("ambrix-wire-test");
         Path socket = dir.resolve("w.sock");
         try (ServerSocketChannel server = ServerSocketChannel.open(StandardProtocolFamily.UNIX)) {
             server.bind(UnixDomainSocketAddress.of(socket));
             Process worker = new ProcessBuilder(Worker.javaCommand(), "-cp", EnginePool.classPath(),
                     WorkerMain.class.getName(), socket.toString()).redirectErrorStream(true).start();
-            try (SocketChannel c = server.accept()) {
+            try (SocketChannel tasks = server.accept(); SocketChannel interrupts = server.accept()) {
+                SocketChannel c = onInterrupts ? interrupts : tasks;
                 c.write(ByteBuffer.wrap(bytes));
                 c.shutdownOutput();
                 assertTrue(worker.waitFor(30, TimeUnit.SECONDS), "the worker hangs");
