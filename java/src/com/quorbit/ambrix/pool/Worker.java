@@ -412,8 +412,9 @@ final class Worker {
             // This thread cannot wait on the channel: the reader thread reads on.
         } finally {
             waiters.decrementAndGet();
-            if (!task.future.isDone()) {
-                // Left before the answer came (a deadline, an interrupt): the reader thread reads it.
+            if (current == task) {
+                // Left before the answer came (a deadline, an interrupt, a future completed by the caller):
+                // the reader thread reads it.
                 wakeReader();
             }
             if (interrupted) {

@@ -143,6 +143,17 @@ class PoolTest {
         }
     }
 
+    /** A future the caller completes or cancels leaves its task's time limit in force on the worker. */
+    @Test
+    void aCancelledTaskStillMeetsItsTimeLimit() {
+        try (EnginePool one = EnginePool.builder().workers(1).resetEveryTask(false).build()) {
+            CompletableFuture<Result> f = one.submit("for i to 10^9 do end do;", Duration.ofMillis(300));
+            assertTrue(f.cancel(false));
+            assertThrows(java.util.concurrent.CancellationException.class, f::join);
+            assertEquals("2", one.submit("2;").join().text());
+        }
+    }
+
     @Test
     void aResultTooLargeForTheWorkersHeapFailsOnlyItsTask() {
         java.util.List<Long> before = pool.workerPids();
