@@ -154,6 +154,61 @@ class PoolTest {
         }
     }
 
+    /**
+     * Callers that wait in every way at once, on two workers: each read of an
+     * answer is handed between waiting callers and the pool's reader threads,
+     * and none may be lost.
+     */
+    @Test
+    void everyWayOfWaitingGetsItsAnswerUnderContention() throws Exception {
+        long end = System.nanoTime() + TimeUnit.SECONDS.toNanos(3);
+        java.util.List<Throwable> failures = java.util.Collections.synchronizedList(new java.util.ArrayList<>());
+        Thread[] callers = new Thread[4];
+        for (int k = 0; k < callers.length; k++) {
+            callers[k] = new Thread(() -> {
+                java.util.Random r = new java.util.Random();
+                try {
+                    while (System.nanoTime() < end) {
+                        switch (r.nextInt(6)) {
+                            case 0 -> assertEquals("2", pool.submit("1+1;").join().text());
+                            case 1 -> assertEquals("3", pool.submit("3;").thenApply(Result::text)
+                                    .get(30, TimeUnit.SECONDS));
+                            case 2 -> {
+                                CompletableFuture<Object> c = pool.call("same", 4L);
+                                CompletableFuture.allOf(pool.submit("1;"), c).get(30, TimeUnit.SECONDS);
+                                assertEquals(4L, c.getNow(null));
+                            }
+                            case 3 -> {
+                                CompletableFuture<Result> f = pool.submit("for i to 20000 do end do: 5;");
+                                try {
+                                    f.get(1, TimeUnit.MILLISECONDS);
+                                } catch (java.util.concurrent.TimeoutException e) {
+                                    // waits again below
+                                }
+                                assertEquals("5", f.get(30, TimeUnit.SECONDS).text());
+                            }
+                            case 4 -> pool.submit("for i to 20000 do end do;").cancel(false);
+                            default -> {
+                                try (Session s = pool.session()) {
+                                    s.evaluate("y := 6:");
+                                    assertEquals("6", s.evaluate("y;").text());
+                                }
+                            }
+                        }
+                    }
+                } catch (Throwable e) {
+                    failures.add(e);
+                }
+            });
+            callers[k].start();
+        }
+        for (Thread t : callers) {
+            t.join();
+        }
+        assertEquals(java.util.List.of(), failures);
+        assertEquals("7", pool.submit("7;").get(30, TimeUnit.SECONDS).text());
+    }
+
     @Test
     void aResultTooLargeForTheWorkersHeapFailsOnlyItsTask() {
         java.util.List<Long> before = pool.workerPids();
