@@ -256,8 +256,7 @@ public final class EnginePool implements AutoCloseable {
             }
         } catch (ExecutionException e) {
             close();
-            Throwable cause = e.getCause();
-            throw cause instanceof VexelException v ? v : new VexelException("a worker did not start: " + cause);
+            throw unwrap(e.getCause(), "a worker did not start: ");
         } catch (InterruptedException e) {
             close();
             Thread.currentThread().interrupt();
@@ -528,7 +527,7 @@ public final class EnginePool implements AutoCloseable {
                 w = request.get();
             }
         } catch (ExecutionException e) {
-            throw e.getCause() instanceof VexelException v ? v : new VexelException(String.valueOf(e.getCause()));
+            throw unwrap(e.getCause(), "");
         } catch (InterruptedException e) {
             request.cancel(false);
             Thread.currentThread().interrupt();
@@ -545,6 +544,11 @@ public final class EnginePool implements AutoCloseable {
         if (w.alive()) {
             w.run(resetTask());
         }
+    }
+
+    /** What failed a future, as the pool's callers get it: a runtime exception as it is, else wrapped. */
+    static RuntimeException unwrap(Throwable cause, String prefix) {
+        return cause instanceof RuntimeException r ? r : new VexelException(prefix + cause);
     }
 
     private static WorkerLostException closedError() {

@@ -98,10 +98,7 @@ public final class Session implements AutoCloseable {
                 lost = w;
                 throw w;
             }
-            if (cause instanceof RuntimeException r) {
-                throw r;
-            }
-            throw new VexelException(String.valueOf(cause));
+            throw EnginePool.unwrap(cause, "");
         } catch (InterruptedException e) {
             Thread.currentThread().interrupt();
             worker.interrupt(task);
