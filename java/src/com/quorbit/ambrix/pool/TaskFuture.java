@@ -21,13 +21,13 @@ final class TaskFuture<T> extends CompletableFuture<T> {
 
     @Override
     public T join() {
-        awaitAnswer(0, false);
+        awaitAnswer(Wait.untimed(false));
         return super.join();
     }
 
     @Override
     public T get() throws InterruptedException, ExecutionException {
-        if (!awaitAnswer(0, true)) {
+        if (!awaitAnswer(Wait.untimed(true))) {
             throw new InterruptedException();
         }
         return super.get();
@@ -36,7 +36,7 @@ final class TaskFuture<T> extends CompletableFuture<T> {
     @Override
     public T get(long timeout, TimeUnit unit) throws InterruptedException, ExecutionException, TimeoutException {
         long deadline = System.nanoTime() + unit.toNanos(timeout);
-        if (!awaitAnswer(deadline == 0 ? 1 : deadline, true)) {
+        if (!awaitAnswer(Wait.until(deadline))) {
             throw new InterruptedException();
         }
         return super.get(Math.max(0, deadline - System.nanoTime()), TimeUnit.NANOSECONDS);
@@ -46,40 +46,33 @@ final class TaskFuture<T> extends CompletableFuture<T> {
      * Reads the answer on this thread once the task runs on a worker, if no
      * other thread reads there; otherwise the completion comes as usual.
      *
-     * @param deadline    System.nanoTime() to give up at, 0 for none
-     * @return false when interrupted and interruptible
+     * @return false when an interrupt ended the wait
      */
-    private boolean awaitAnswer(long deadline, boolean interruptible) {
-        Worker w = task.worker;
-        if (w == null && !isDone()) {
-            // In line for a worker: the worker that takes it unparks this thread.
-            boolean interrupted = false;
-            task.waiting = Thread.currentThread();
-            try {
-                while ((w = task.worker) == null && !isDone()) {
-                    long wait = TimeUnit.MILLISECONDS.toNanos(50);
-                    if (deadline != 0) {
-                        wait = Math.min(wait, deadline - System.nanoTime());
-                        if (wait <= 0) {
+    private boolean awaitAnswer(Wait wait) {
+        try {
+            Worker w = task.worker;
+            if (w == null && !isDone()) {
+                // In line for a worker: the worker that takes it unparks this thread.
+                task.waiting = Thread.currentThread();
+                try {
+                    while ((w = task.worker) == null && !isDone()) {
+                        long nanos = wait.next(TimeUnit.MILLISECONDS.toNanos(50));
+                        if (nanos == 0) {
                             return true;
                         }
-                    }
-                    if (Thread.interrupted()) {
-                        if (interruptible) {
+                        if (wait.interrupted()) {
                             return false;
                         }
-                        interrupted = true;
+                        LockSupport.parkNanos(this, nanos);
                     }
-                    LockSupport.parkNanos(this, wait);
-                }
-            } finally {
-                task.waiting = null;
-                if (interrupted) {
-                    Thread.currentThread().interrupt();
+                } finally {
+                    task.waiting = null;
                 }
             }
+            return isDone() || w.awaitAnswer(task, wait);
+        } finally {
+            wait.end();
         }
-        return isDone() || w.awaitAnswer(task, deadline, interruptible);
     }
 
     // Any completion, also one a caller makes, ends a wait that reads the channel.

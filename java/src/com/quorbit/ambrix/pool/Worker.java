@@ -355,13 +355,10 @@ final class Worker {
      * Waits for a task's answer by reading the channel on this thread, if no
      * other thread reads it now.
      *
-     * @param deadline System.nanoTime() to stop at, 0 for none
-     * @return false when the thread was interrupted and the wait is interruptible
-     *         (its interrupt status is then cleared); true otherwise, also
+     * @return false when an interrupt ended the wait; true otherwise, also
      *         when another thread reads, or the deadline passed
      */
-    boolean awaitAnswer(Task task, long deadline, boolean interruptible) {
-        boolean interrupted = false;  // an interrupt status to give back on the way out
+    boolean awaitAnswer(Task task, Wait wait) {
         waiters.incrementAndGet();
         try {
             boolean locked;
@@ -369,10 +366,9 @@ final class Worker {
                 // Whoever holds it now is about to leave: done with its own answer, or reading what came.
                 locked = reading.tryLock(1, TimeUnit.MILLISECONDS);
             } catch (InterruptedException e) {
-                if (interruptible) {
+                if (wait.interruptEnds()) {
                     return false;
                 }
-                interrupted = true;
                 locked = reading.tryLock();
             }
             if (!locked) {
@@ -381,24 +377,17 @@ final class Worker {
             try {
                 while (!task.future.isDone() && !inputEnded) {
                     readAvailable();
-                    long wait = 1000;
-                    if (deadline != 0) {
-                        long left = deadline - System.nanoTime();
-                        if (left <= 0) {
-                            break;
-                        }
-                        wait = Math.min(wait, Math.max(1, TimeUnit.NANOSECONDS.toMillis(left)));
+                    long nanos = wait.next(TimeUnit.SECONDS.toNanos(1));
+                    if (nanos == 0) {
+                        break;
                     }
-                    if (Thread.interrupted()) {
-                        if (interruptible) {
-                            return false;
-                        }
-                        interrupted = true;
+                    if (wait.interrupted()) {
+                        return false;
                     }
                     waiterSelecting = true;
                     try {
                         if (!task.future.isDone() && !inputEnded) {
-                            waiterSelector.select(wait);
+                            waiterSelector.select(Math.max(1, TimeUnit.NANOSECONDS.toMillis(nanos)));
                         }
                     } finally {
                         waiterSelecting = false;
@@ -416,9 +405,6 @@ final class Worker {
                 // Left before the answer came (a deadline, an interrupt, a future completed by the caller):
                 // the reader thread reads it.
                 wakeReader();
-            }
-            if (interrupted) {
-                Thread.currentThread().interrupt();
             }
         }
         return true;
