@@ -1,10 +1,8 @@
 package com.quorbit.ambrix.pool;
 
 import com.quorbit.externalcall.VexelException;
-import java.io.DataInputStream;
 import java.io.EOFException;
 import java.io.IOException;
-import java.io.InputStream;
 import java.io.OutputStream;
 import java.math.BigInteger;
 import java.nio.ByteBuffer;
@@ -72,38 +70,10 @@ final class Wire {
     }
 
     /**
-     * Reads one frame; null at a clean end of input (between frames).
-     *
-     * @throws WireException for a frame that is too short, too long or cut off
-     */
-    static Frame read(DataInputStream in) throws IOException {
-        int first = in.read();
-        if (first < 0) {
-            return null;
-        }
-        int length;
-        try {
-            length = first << 24 | in.readUnsignedByte() << 16 | in.readUnsignedShort();
-        } catch (EOFException e) {
-            throw new WireException("truncated frame: the input ended inside a frame's length");
-        }
-        if (length < 9 || length > MAX_FRAME) {
-            throw new WireException("bad frame length " + length + " (9 to " + MAX_FRAME + " bytes)");
-        }
-        byte[] body = new byte[length];
-        try {
-            in.readFully(body);
-        } catch (EOFException e) {
-            throw new WireException("truncated frame: the input ended inside a frame of " + length + " bytes");
-        }
-        ByteBuffer b = ByteBuffer.wrap(body);
-        return new Frame(b.get(), b.getLong(), b.slice());
-    }
-
-    /**
-     * The frames of a channel read without blocking, as its bytes come: what
-     * has come of a frame waits here for the rest. Checks and messages are
-     * those of {@link #read}.
+     * The frames of a channel, made of its bytes as they come: what has come
+     * of a frame waits here for the rest. The pool reads its channels
+     * without blocking ({@link #next}); a worker's threads block
+     * ({@link #read}).
      */
     static final class Assembler {
         /** Bytes read and not yet taken, between position and limit. */
@@ -142,6 +112,20 @@ final class Wire {
                 if (n == 0) {
                     return null;
                 }
+            }
+        }
+
+        /**
+         * The next whole frame from a channel that blocks; null at the end
+         * of input between frames.
+         *
+         * @throws WireException for a frame that is too short, too long or cut off
+         */
+        Frame read(java.nio.channels.ReadableByteChannel channel) throws IOException {
+            try {
+                return next(channel);
+            } catch (EOFException end) {
+                return null;
             }
         }
 
@@ -537,31 +521,6 @@ final class Wire {
             }
             return p;
         }
-    }
-
-    /** The stream a process reads frames from, buffered. */
-    static DataInputStream input(InputStream in) {
-        return new DataInputStream(new java.io.BufferedInputStream(in, 1 << 16));
-    }
-
-    /**
-     * The frames coming in on a socket. The channel is read directly, not
-     * through Channels.newInputStream, whose reads hold a lock that its
-     * writes need: one thread reads while others write.
-     */
-    static DataInputStream input(java.nio.channels.SocketChannel channel) {
-        return input(new InputStream() {
-            @Override
-            public int read() throws IOException {
-                byte[] one = new byte[1];
-                return read(one, 0, 1) < 0 ? -1 : one[0] & 0xFF;
-            }
-
-            @Override
-            public int read(byte[] b, int off, int len) throws IOException {
-                return len == 0 ? 0 : channel.read(ByteBuffer.wrap(b, off, len));
-            }
-        });
     }
 
     /** The stream frames go out on, written directly to the channel. */

@@ -4,7 +4,6 @@ import com.quorbit.ambrix.Algebraic;
 import com.quorbit.ambrix.Engine;
 import com.quorbit.ambrix.EngineCallBacksDefault;
 import com.quorbit.externalcall.VexelException;
-import java.io.DataInputStream;
 import java.io.IOException;
 import java.io.OutputStream;
 import java.net.UnixDomainSocketAddress;
@@ -28,7 +27,8 @@ import java.util.concurrent.locks.LockSupport;
  */
 public final class WorkerMain {
     private final OutputStream out;
-    private final DataInputStream in;
+    private final SocketChannel in;
+    private final Wire.Assembler frames = new Wire.Assembler();
     private volatile Engine engine;
     private java.util.List<String> initialize = java.util.List.of();
     /** The task read and not yet answered, 0 for none. */
@@ -40,7 +40,7 @@ public final class WorkerMain {
     private long running;
     private final Capture capture = new Capture();
 
-    private WorkerMain(OutputStream out, DataInputStream in) {
+    private WorkerMain(OutputStream out, SocketChannel in) {
         this.out = out;
         this.in = in;
     }
@@ -68,13 +68,13 @@ public final class WorkerMain {
         }
         boolean echo = args.length == 2 && args[1].equals("--echo");
         WorkerMain worker;
-        DataInputStream interrupts = null;
+        SocketChannel interrupts = null;
         try {
             UnixDomainSocketAddress pool = UnixDomainSocketAddress.of(args[0]);
             SocketChannel tasks = SocketChannel.open(pool);
-            worker = new WorkerMain(Wire.output(tasks), Wire.input(tasks));
+            worker = new WorkerMain(Wire.output(tasks), tasks);
             if (!echo) {
-                interrupts = Wire.input(SocketChannel.open(pool));
+                interrupts = SocketChannel.open(pool);
             }
         } catch (IOException e) {
             System.err.println("ambrix worker: the pool's channel failed: " + e);
@@ -84,8 +84,9 @@ public final class WorkerMain {
         if (echo) {
             worker.guarded(worker::echo);
         } else {
-            DataInputStream in = interrupts;
-            Thread second = new Thread(() -> worker.guarded(() -> worker.interrupts(in)), "ambrix-worker-interrupts");
+            SocketChannel control = interrupts;
+            Thread second = new Thread(() -> worker.guarded(() -> worker.interrupts(control)),
+                    "ambrix-worker-interrupts");
             second.setDaemon(true);
             second.start();
             worker.guarded(worker::serve);
@@ -116,14 +117,14 @@ public final class WorkerMain {
     }
 
     private void echo() throws IOException {
-        for (Wire.Frame f = Wire.read(in); f != null; f = Wire.read(in)) {
+        for (Wire.Frame f = frames.read(in); f != null; f = frames.read(in)) {
             new Wire.Writer(f.kind(), f.task()).raw(f.payload()).send(out);
         }
     }
 
     /** Runs the tasks, one after the other, each on this thread as soon as its frame is read. */
     private void serve() throws IOException {
-        for (Wire.Frame f = Wire.read(in); f != null; f = Wire.read(in)) {
+        for (Wire.Frame f = frames.read(in); f != null; f = frames.read(in)) {
             switch (f.kind()) {
                 case Wire.ECHO -> send(new Wire.Writer(Wire.ECHO, f.task()).raw(f.payload()));
                 case Wire.INIT, Wire.EVAL, Wire.CALL, Wire.RESET, Wire.HELP -> {
@@ -137,8 +138,9 @@ public final class WorkerMain {
     }
 
     /** The second thread: reads interrupts while tasks run. */
-    private void interrupts(DataInputStream control) throws IOException {
-        for (Wire.Frame f = Wire.read(control); f != null; f = Wire.read(control)) {
+    private void interrupts(SocketChannel control) throws IOException {
+        Wire.Assembler interrupts = new Wire.Assembler();
+        for (Wire.Frame f = interrupts.read(control); f != null; f = interrupts.read(control)) {
             if (f.kind() != Wire.INTERRUPT) {
                 throw new Wire.WireException("malformed frame: kind " + f.kind() + " on the interrupt channel");
             }

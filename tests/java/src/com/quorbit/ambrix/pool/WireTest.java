@@ -8,7 +8,6 @@ import static org.junit.jupiter.api.Assertions.assertTrue;
 
 import java.io.ByteArrayInputStream;
 import java.io.ByteArrayOutputStream;
-import java.io.DataInputStream;
 import java.math.BigInteger;
 import java.net.StandardProtocolFamily;
 import java.net.UnixDomainSocketAddress;
@@ -35,7 +34,7 @@ class WireTest {
     }
 
     static Wire.Frame read(byte[] bytes) throws Exception {
-        return Wire.read(new DataInputStream(new ByteArrayInputStream(bytes)));
+        return new Wire.Assembler().read(java.nio.channels.Channels.newChannel(new ByteArrayInputStream(bytes)));
     }
 
     @Test
@@ -80,7 +79,7 @@ class WireTest {
                 Arguments.of("cut in its length", new byte[] {0, 0}, "truncated frame"));
     }
 
-    /** Both sides refuse a bad frame with the same message: the worker's blocking read and the pool's assembler. */
+    /** A bad frame is refused with the same message whether its bytes come at once or one at a time. */
     @ParameterizedTest(name = "{0}")
     @MethodSource("badFrames")
     void aBadFrameIsRefused(String what, byte[] bytes, String message) {
