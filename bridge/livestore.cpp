@@ -23,13 +23,23 @@ namespace {
 // only the pointer value and need a kernel vector to read it.
 KernelVector liveStoreKernelVector = nullptr;
 
-// The handles of one mark pass, copied out of Java so that the marks run
-// with Java left as the pass found it. Kept and grown from pass to pass;
-// only the thread inside the kernel uses it.
-ALGEB *markBuffer = nullptr;
-size_t markRoom = 0;
+// The handles of one mark pass: Java writes them into memory outside its
+// heap (LiveStore's room), which the pass reads in place once Java is left
+// as the pass found it. Only the thread inside the kernel uses them.
+struct Marks {
+    const ALGEB *handles;
+    size_t count;
+};
 
-constexpr jsize kChunk = 512;
+// The scratch space of the sort, kept and grown from pass to pass.
+ALGEB *sortScratch = nullptr;
+size_t sortRoom = 0;
+
+// From this many handles on, they go to the kernel in ascending order:
+// where a kernel's handles are addresses (or grow with its cells), the
+// kernel then visits its cells in memory order instead of at random, which
+// outweighs the sort once they no longer fit the caches.
+constexpr size_t kSortedFrom = size_t{1} << 18;
 
 constexpr const char *kNotMarked = "live values could not be marked; the collection was abandoned";
 
@@ -52,84 +62,110 @@ void throwAgain(JNIEnv *env, jthrowable aside) {
     env->DeleteLocalRef(aside);
 }
 
-// Copies the Java array's handles, up to the first 0, into markBuffer;
-// the count, or -1 when there is no memory for them.
-jsize copyHandles(JNIEnv *env, jlongArray handles) {
-    jsize length = env->GetArrayLength(handles);
-    if (static_cast<size_t>(length) > markRoom) {
-        auto *grown = static_cast<ALGEB *>(realloc(markBuffer, sizeof(ALGEB) * static_cast<size_t>(length)));
-        if (grown == nullptr) return -1;
-        markBuffer = grown;
-        markRoom = static_cast<size_t>(length);
-    }
-    jlong chunk[kChunk];
-    for (jsize start = 0; start < length; start += kChunk) {
-        jsize n = length - start < kChunk ? length - start : kChunk;
-        env->GetLongArrayRegion(handles, start, n, chunk);
-        for (jsize i = 0; i < n; i++) {
-            if (chunk[i] == 0) return start + i;
-            markBuffer[start + i] = reinterpret_cast<ALGEB>(chunk[i]);
-        }
-    }
-    return length;
-}
-
-// The registered wrappers' handles, in markBuffer, through LiveStore.mark on
-// `env`; the count, or -1 when the pass failed (its exception cleared).
-jsize readHandles(JNIEnv *env, CallBackFrontEnd *frontEnd) {
-    auto handles = static_cast<jlongArray>(
-        env->CallStaticObjectMethod(lookups.liveStore, lookups.liveMark, frontEnd->liveAlgebStore));
+// The registered wrappers' handles, through LiveStore.mark on `env`: the
+// room's address and the count before its first 0; false when the pass
+// failed (its exception cleared).
+bool readHandles(JNIEnv *env, CallBackFrontEnd *frontEnd, Marks &marks) {
+    jobject room = env->CallStaticObjectMethod(lookups.liveStore, lookups.liveMark, frontEnd->liveAlgebStore);
     // The pass may have disposed withdrawn wrappers: handles read before the
     // lock are read again.
     ambrix::handlesChanged();
-    jsize count = handles == nullptr || env->ExceptionCheck() ? -1 : copyHandles(env, handles);
+    bool read = room != nullptr && !env->ExceptionCheck();
+    if (read) {
+        auto *handles = static_cast<const jlong *>(env->GetDirectBufferAddress(room));
+        jlong capacity = env->GetDirectBufferCapacity(room);
+        read = handles != nullptr && capacity >= 0;
+        size_t count = 0;
+        while (read && count < static_cast<size_t>(capacity) && handles[count] != 0) count++;
+        marks = {reinterpret_cast<const ALGEB *>(handles), count};
+    }
     if (env->ExceptionCheck()) {
         env->ExceptionClear();
-        count = -1;
+        read = false;
     }
-    env->DeleteLocalRef(handles);
-    return count;
+    env->DeleteLocalRef(room);
+    return read;
+}
+
+// The handles sorted as unsigned numbers, in the room or in the scratch
+// space: a radix sort, a byte at a time, skipping bytes they all share.
+// When there is no memory for the scratch space they stay as they are.
+Marks sorted(Marks marks) {
+    size_t n = marks.count;
+    if (n < kSortedFrom || n > UINT32_MAX) return marks;
+    if (n > sortRoom) {
+        auto *grown = static_cast<ALGEB *>(realloc(sortScratch, 2 * n * sizeof(ALGEB)));
+        if (grown == nullptr) return marks;
+        sortScratch = grown;
+        sortRoom = n;
+    }
+    auto *from = reinterpret_cast<const uintptr_t *>(marks.handles);
+    auto *to = reinterpret_cast<uintptr_t *>(sortScratch);
+    auto *spare = to + n;
+    // Every byte's counts in one read of the handles; then a scatter per byte.
+    constexpr unsigned kBytes = sizeof(uintptr_t);
+    static uint32_t counts[kBytes][256];
+    for (auto &byte : counts)
+        for (uint32_t &c : byte) c = 0;
+    for (size_t i = 0; i < n; i++)
+        for (unsigned b = 0; b < kBytes; b++) counts[b][(from[i] >> (8 * b)) & 0xFF]++;
+    for (unsigned b = 0; b < kBytes; b++) {
+        unsigned shift = 8 * b;
+        if (counts[b][(from[0] >> shift) & 0xFF] == n) continue;
+        for (uint32_t i = 0, sum = 0; i < 256; i++) {
+            uint32_t c = counts[b][i];
+            counts[b][i] = sum;
+            sum += c;
+        }
+        for (size_t i = 0; i < n; i++) to[counts[b][(from[i] >> shift) & 0xFF]++] = from[i];
+        // The room is Java's: the passes after the first alternate between
+        // the two halves of the scratch space.
+        from = to;
+        to = to == spare ? reinterpret_cast<uintptr_t *>(sortScratch) : spare;
+    }
+    return {reinterpret_cast<const ALGEB *>(from), n};
 }
 
 CallBackFrontEnd *storeOwner(ALGEB storePointer) {
     return static_cast<CallBackFrontEnd *>(VexelToPointer(liveStoreKernelVector, storePointer));
 }
 
-// The handles of the wrappers to mark, in markBuffer; -1 when they cannot
-// be had. Java is left as it was found: the exception set aside is pending
-// again, and a thread attached for the pass is detached.
-jsize handlesToMark(CallBackFrontEnd *frontEnd) {
+// The handles of the wrappers to mark; false when they cannot be had. Java
+// is left as it was found: the exception set aside is pending again, and a
+// thread attached for the pass is detached.
+bool handlesToMark(CallBackFrontEnd *frontEnd, Marks &marks) {
     // Java is reached only through a thread inside a kernel call.
-    if (frontEnd == nullptr || frontEnd->env == nullptr) return -1;
+    if (frontEnd == nullptr || frontEnd->env == nullptr) return false;
     JavaVM *vm = nullptr;
-    if (frontEnd->env->GetJavaVM(&vm) != 0) return -1;
+    if (frontEnd->env->GetJavaVM(&vm) != 0) return false;
     // The collector runs on a thread that may not be Java's: attach it for
     // the pass when it is not attached already.
     JNIEnv *env = nullptr;
     bool attached = false;
     if (vm->GetEnv(reinterpret_cast<void **>(&env), JNI_VERSION_1_6) != JNI_OK) {
-        if (vm->AttachCurrentThread(reinterpret_cast<void **>(&env), nullptr) != 0) return -1;
+        if (vm->AttachCurrentThread(reinterpret_cast<void **>(&env), nullptr) != 0) return false;
         attached = true;
     }
     jthrowable aside = setAside(env);
-    jsize count = readHandles(env, frontEnd);
+    bool read = readHandles(env, frontEnd, marks);
     throwAgain(env, aside);
     if (attached) vm->DetachCurrentThread();
-    return count;
+    return read;
 }
 
 void markLiveAlgebStore(ALGEB storePointer) {
     ambrix::noteJavaEntry();
     KernelVector kv = liveStoreKernelVector;
-    jsize count = handlesToMark(storeOwner(storePointer));
-    if (count < 0) {
+    Marks marks{};
+    if (!handlesToMark(storeOwner(storePointer), marks)) {
         VexelRaiseError(kv, kNotMarked);
         return;
     }
+    marks = sorted(marks);
     // A mark that fails reports through the error callback, which enters
     // Java: the count of entries tells, without asking the VM.
     uint64_t entries = ambrix::javaEntries.load(std::memory_order_relaxed);
-    for (jsize i = 0; i < count; i++) VexelGcMark(kv, markBuffer[i]);
+    for (size_t i = 0; i < marks.count; i++) VexelGcMark(kv, marks.handles[i]);
     if (ambrix::javaEntries.load(std::memory_order_relaxed) != entries) VexelRaiseError(kv, kNotMarked);
 }
 

@@ -164,7 +164,7 @@ bool makeLookups(JNIEnv *env, jobject engine, jobject callBacks) {
     env->DeleteLocalRef(engineClass);
     s.globalClass("com/quorbit/ambrix/LiveStore", l.liveStore);
     s.staticMethod(l.liveStore, "attach", "(Ljava/util/WeakHashMap;J)V", l.liveAttach);
-    s.staticMethod(l.liveStore, "mark", "(Ljava/util/WeakHashMap;)[J", l.liveMark);
+    s.staticMethod(l.liveStore, "mark", "(Ljava/util/WeakHashMap;)Ljava/nio/LongBuffer;", l.liveMark);
     s.staticMethod(l.liveStore, "register", "(Lcom/quorbit/ambrix/Algebraic;)I", l.liveRegister);
     s.staticMethod(l.liveStore, "withdraw", "(Lcom/quorbit/ambrix/Algebraic;)Z", l.liveWithdraw);
     s.staticMethod(l.liveStore, "dispose", "(Ljava/util/WeakHashMap;)V", l.disposeStore);

@@ -1,6 +1,8 @@
 package com.quorbit.ambrix;
 
-import java.util.Arrays;
+import java.nio.ByteBuffer;
+import java.nio.ByteOrder;
+import java.nio.LongBuffer;
 import java.util.Iterator;
 import java.util.WeakHashMap;
 
@@ -30,12 +32,12 @@ final class LiveStore {
     private static final WeakHashMap<Object, Object> withdrawn = new WeakHashMap<>();
 
     /**
-     * The pass's room for handles, and the scratch space of the sort, sized
-     * ahead for every registered wrapper. Guarded by the store's monitor.
+     * The pass's room for handles, sized ahead for every registered wrapper:
+     * memory outside the Java heap that the native side reads in place, so
+     * that the handles are written once and read once. Guarded by the
+     * store's monitor.
      */
-    private static long[] room = new long[64];
-    private static long[] scratch = new long[0];
-    private static final int[] counts = new int[256];
+    private static LongBuffer room = newRoom(64);
 
     /** What {@link #register} answers. */
     static final int REGISTERED = 0, DISPOSED = 1, NOT_RUNNING = 2;
@@ -115,92 +117,46 @@ final class LiveStore {
     }
 
     private static void reserve(int wrappers) {
-        if (room.length < wrappers) {
-            room = Arrays.copyOf(room, Math.max(wrappers, 2 * room.length));
+        if (room.capacity() < wrappers) {
+            room = newRoom(Math.max(wrappers, 2 * room.capacity()));
         }
-        if (wrappers >= SORTED_FROM && scratch.length < room.length) {
-            scratch = new long[room.length];
-        }
+    }
+
+    private static LongBuffer newRoom(int handles) {
+        return ByteBuffer.allocateDirect(handles * Long.BYTES).order(ByteOrder.nativeOrder()).asLongBuffer();
     }
 
     /**
      * The mark pass: disposes the wrappers withdrawn since the last pass,
-     * drops disposed entries, and returns the handles of the others, ended by
-     * a 0 when they do not fill the array. Called by the native library.
+     * drops disposed entries, and returns the room holding the handles of the
+     * others, ended by a 0 when they do not fill it. Called by the native
+     * library, which reads the room in place (and hands large stores to the
+     * kernel in ascending order).
      */
-    static long[] mark(WeakHashMap<Object, Object> store) {
+    static LongBuffer mark(WeakHashMap<Object, Object> store) {
         for (Object wrapper : withdrawn.keySet()) {
             ((Algebraic) wrapper).dag = 0;
         }
         withdrawn.clear();
-        long[] handles = room;
+        LongBuffer handles = room;
         int n = 0;
         for (Iterator<Object> it = store.keySet().iterator(); it.hasNext();) {
             long dag = ((Algebraic) it.next()).dag;
             if (dag == 0) {
                 it.remove();
-            } else if (n < handles.length) {
-                handles[n++] = dag;
-            } else {
-                // Only a wrapper registered without add() or register() gets here.
-                handles = Arrays.copyOf(handles, 2 * n + 16);
-                handles[n++] = dag;
-            }
-        }
-        if (n < handles.length) {
-            handles[n] = 0;
-        }
-        if (n >= SORTED_FROM && handles == room) {
-            return sorted(handles, n, scratch.length >= n ? scratch : new long[n], counts);
-        }
-        return handles;
-    }
-
-    /**
-     * From this many wrappers on, the handles go to the kernel in ascending
-     * order: where a kernel's handles are addresses (or grow with its cells),
-     * the kernel then visits its cells in memory order instead of at random,
-     * which outweighs the sort once they no longer fit the caches.
-     */
-    static final int SORTED_FROM = 1 << 18;
-
-    /** A sorted copy of the values, as unsigned numbers. */
-    static long[] sorted(long[] values) {
-        return Arrays.copyOf(sorted(values, values.length, new long[values.length], new int[256]), values.length);
-    }
-
-    /**
-     * The first n values sorted as unsigned numbers, in {@code values} or in
-     * {@code to}, whichever is returned, and 0-ended when shorter than it: a
-     * radix sort, a byte at a time, skipping bytes they all share.
-     */
-    private static long[] sorted(long[] values, int n, long[] to, int[] counts) {
-        long[] from = values;
-        for (int shift = 0; shift < 64 && n > 0; shift += 8) {
-            Arrays.fill(counts, 0);
-            for (int i = 0; i < n; i++) {
-                counts[(int) (from[i] >>> shift) & 0xFF]++;
-            }
-            if (counts[(int) (from[0] >>> shift) & 0xFF] == n) {
                 continue;
             }
-            for (int i = 0, sum = 0; i < 256; i++) {
-                int c = counts[i];
-                counts[i] = sum;
-                sum += c;
+            if (n == handles.capacity()) {
+                // Only a wrapper registered without add() or register() gets
+                // here. The room stays reachable while the native side reads it.
+                room = handles = newRoom(2 * n + 16).put(0, handles, 0, n);
             }
-            for (int i = 0; i < n; i++) {
-                long v = from[i];
-                to[counts[(int) (v >>> shift) & 0xFF]++] = v;
-            }
-            long[] swap = from;
-            from = to;
-            to = swap;
+            handles.put(n++, dag);
         }
-        if (n < from.length) {
-            from[n] = 0;
+        if (n < handles.capacity()) {
+            handles.put(n, 0);
         }
-        return from;
+        return handles;
     }
 
     /**
