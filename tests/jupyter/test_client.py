@@ -71,7 +71,9 @@ class VexelClientTests(unittest.TestCase):
         self.km.interrupt_kernel()
         reply = self.kc.get_shell_msg(timeout=TIMEOUT)
         self.assertEqual(reply["parent_header"]["msg_id"], msg_id)
-        self.assertLess(time.time() - start, 1.0)
+        # The loop alone would run for minutes: any answer within seconds came
+        # of the interrupt, however busy the machine.
+        self.assertLess(time.time() - start, 20.0)
         self.assertEqual(reply["content"]["status"], "error")
         self.assertIn("interrupted", reply["content"]["evalue"])
         reply, out = self.run_cell("6 * 7;")

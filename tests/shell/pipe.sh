@@ -77,11 +77,15 @@ printf '5\nkernel process ended: signal 11 (SIGSEGV); a new kernel was started (
   | diff -u - <(grep -v '^#' "$work/out")
 
 # --isolated and Ctrl-C: one interrupts a loop; two within the grace time
-# kill a kernel that does not listen, and a new one answers.
+# kill a kernel that does not listen, and a new one answers. A terminal
+# signals its whole foreground process group, so the shell gets a group of
+# its own here and the signals go to all of it: the worker must not die of
+# them, only of the shell's decision.
 mkfifo "$work/in3"
-LD_PRELOAD=$sanitizer_preload env --default-signal=INT "$vexel" -q --isolated --test-hooks <"$work/in3" \
+LD_PRELOAD=$sanitizer_preload setsid env --default-signal=INT "$vexel" -q --isolated --test-hooks <"$work/in3" \
   >"$work/out3" 2>&1 &
 shell=$!
+ctrl_c() { kill -INT -- "-$shell"; }
 exec 5>"$work/in3"
 wait_for() {
   for _ in $(seq 200); do
@@ -90,21 +94,24 @@ wait_for() {
   done
   echo "FAILED: no '$1' in:"; cat "$work/out3"; exit 1
 }
-echo 'print("started"); for i to 10^9 do end do;' >&5
+echo 'f := x -> x^2: print("started"); for i to 10^9 do end do;' >&5
 wait_for started
 sleep 0.2
-kill -INT "$shell"
+ctrl_c
 wait_for "computation interrupted"
+# The interrupted kernel is the same one: its definitions are still there.
+echo 'f(3);' >&5
+wait_for "^9$"
 echo 'print("spinning"); spin();' >&5
 wait_for spinning
 sleep 0.2
-kill -INT "$shell"
+ctrl_c
 sleep 0.1
-kill -INT "$shell"
+ctrl_c
 wait_for "killed on request"
 echo '6 * 7;' >&5
 exec 5>&-
 wait "$shell"
-printf '"started"\nError, computation interrupted\n"spinning"\nkernel process ended: killed on request; a new kernel was started (definitions are lost)\n42\n' \
+printf '"started"\nError, computation interrupted\n9\n"spinning"\nkernel process ended: killed on request; a new kernel was started (definitions are lost)\n42\n' \
   | diff -u - <(grep -v '^#' "$work/out3")
 echo "ok: $vexel"

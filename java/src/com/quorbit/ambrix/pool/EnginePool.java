@@ -5,9 +5,7 @@ import java.io.File;
 import java.io.IOException;
 import java.lang.System.Logger.Level;
 import java.net.URISyntaxException;
-import java.nio.file.Files;
 import java.nio.file.Path;
-import java.nio.file.attribute.PosixFilePermissions;
 import java.time.Duration;
 import java.util.ArrayDeque;
 import java.util.ArrayList;
@@ -84,17 +82,13 @@ public final class EnginePool implements AutoCloseable {
     private final java.util.List<Worker> workers = new ArrayList<>();
     private int starting;
     private boolean closed;
+    private boolean warnedAboutSessions;
 
     private EnginePool(Builder b) {
         settings = b;
         errorFile = Path.of(System.getProperty("java.io.tmpdir"), "ambrix-worker-%p.log");
         command = command(b, errorFile);
-        try {
-            socketFolder = Files.createTempDirectory("ambrix-pool-",
-                    PosixFilePermissions.asFileAttribute(PosixFilePermissions.fromString("rwx------")));
-        } catch (IOException e) {
-            throw new VexelException("cannot make the pool's socket folder: " + e.getMessage());
-        }
+        socketFolder = SocketFolders.make();
         timer = Executors.newSingleThreadScheduledExecutor(r -> {
             Thread t = new Thread(r, "ambrix-pool-timer");
             t.setDaemon(true);
@@ -448,6 +442,11 @@ public final class EnginePool implements AutoCloseable {
      * limit. The future completes with the {@link Result}, or exceptionally
      * with a {@link VexelException}: the kernel's error, "time limit of ...
      * passed", or a {@link WorkerLostException}.
+     *
+     * <p>A worker held by an open {@link #session()} takes no task: while
+     * every worker is held, the task waits in line until a session is
+     * closed (so a pool of one worker with an open session never runs it).
+     * The pool logs a warning the first time this happens.
      */
     public CompletableFuture<Result> submit(String statement) {
         return submit(statement, settings.timeLimit);
@@ -496,6 +495,7 @@ public final class EnginePool implements AutoCloseable {
                 } else {
                     waiting.add(t);
                 }
+                warnIfHeldBySessions();
                 return;
             }
         }
@@ -505,8 +505,30 @@ public final class EnginePool implements AutoCloseable {
     }
 
     /**
+     * A task that waits while every worker is held by an open session waits
+     * until one of them closes: said once per pool, since it is the likely
+     * reason for a program that seems to hang. Under lock.
+     */
+    private void warnIfHeldBySessions() {
+        if (warnedAboutSessions || starting > 0 || workers.isEmpty()) {
+            return;
+        }
+        for (Worker w : workers) {
+            if (w.session == null) {
+                return;
+            }
+        }
+        warnedAboutSessions = true;
+        LOG.log(Level.WARNING, "a task waits in line while every worker (" + workers.size()
+                + ") is held by an open session; it runs only when a session is closed");
+    }
+
+    /**
      * Takes a worker for a session of statements that share definitions;
-     * waits for one to be free.
+     * waits for one to be free. The worker serves only this session until
+     * it is closed: {@link #submit} and {@link #call} wait while every
+     * worker is held by a session, so leave at least one worker free for
+     * them, or close the session first.
      *
      * @throws VexelException when the pool is closed
      */
@@ -614,10 +636,6 @@ public final class EnginePool implements AutoCloseable {
             }
         }
         timer.shutdownNow();
-        try {
-            Files.deleteIfExists(socketFolder);
-        } catch (IOException e) {
-            // a socket of a worker that is still starting
-        }
+        SocketFolders.remove(socketFolder);
     }
 }

@@ -99,7 +99,7 @@ final class Worker {
             java.util.List<String> c = new ArrayList<>(command);
             c.add(1 + c.indexOf(WorkerMain.class.getName()), socketPath.toString());
             // Standard output carries nothing of the protocol: both streams are drained as one.
-            process = new ProcessBuilder(c).redirectErrorStream(true).redirectInput(ProcessBuilder.Redirect.PIPE)
+            process = new ProcessBuilder(detached(c)).redirectErrorStream(true).redirectInput(ProcessBuilder.Redirect.PIPE)
                     .start();
             drain = new Thread(this::drainErrors, "ambrix-worker-output-" + process.pid());
             drain.setDaemon(true);
@@ -583,6 +583,23 @@ final class Worker {
         }
         return -1;
     }
+
+    /**
+     * The command that starts a worker's JVM in a session of its own, so that
+     * the signals a terminal sends its foreground process group (Ctrl-C,
+     * Ctrl-\\) never reach it: only the pool interrupts or kills a worker.
+     */
+    static java.util.List<String> detached(java.util.List<String> command) {
+        if (!Files.isExecutable(SETSID)) {
+            return command;
+        }
+        java.util.List<String> c = new ArrayList<>(command.size() + 1);
+        c.add(SETSID.toString());
+        c.addAll(command);
+        return c;
+    }
+
+    private static final Path SETSID = Path.of("/usr/bin/setsid");
 
     static String javaCommand() {
         String home = System.getProperty("java.home");

@@ -257,26 +257,40 @@ class PoolTest {
         awaitWorkers(pool, 2, java.util.List.of());
     }
 
+    /** A process's CPU time so far, in clock ticks, from /proc. */
+    static long cpuTicks(long pid) throws java.io.IOException {
+        String stat = java.nio.file.Files.readString(java.nio.file.Path.of("/proc/" + pid + "/stat"));
+        String[] fields = stat.substring(stat.lastIndexOf(')') + 2).split(" ");
+        return Long.parseLong(fields[11]) + Long.parseLong(fields[12]);  // utime, stime
+    }
+
+    /**
+     * Two loops run at once when both workers gain CPU time in the same
+     * window while both tasks are unanswered: on a busy machine each may gain
+     * less, but a pool that ran them one after the other never passes.
+     */
     @Test
     void twoWorkersRunTwoLoopsAtOnce() throws Exception {
         awaitWorkers(pool, 2, java.util.List.of());
-        String loop = "for i to 1400000 do end do: 1;";
-        CompletableFuture.allOf(pool.submit("1;"), pool.submit("1;")).join();
-        // A pool that ran them one after the other would never pass; a busy machine may spoil one attempt.
-        String attempts = "";
-        for (int attempt = 0; attempt < 3; attempt++) {
-            long one = System.nanoTime();
-            pool.submit(loop).join();
-            one = System.nanoTime() - one;
-            long both = System.nanoTime();
-            CompletableFuture.allOf(pool.submit(loop), pool.submit(loop)).join();
-            both = System.nanoTime() - both;
-            if (both < 1.6 * one) {
-                return;
-            }
-            attempts += String.format(" two loops took %.0f ms, one %.0f ms;", both / 1e6, one / 1e6);
+        java.util.List<Long> pids = pool.workerPids();
+        String loop = "for i to 10^9 do end do;";
+        CompletableFuture<Result> a = pool.submit(loop, Duration.ofSeconds(4));
+        CompletableFuture<Result> b = pool.submit(loop, Duration.ofSeconds(4));
+        long[] before = new long[2];
+        long[] gained = new long[2];
+        boolean overlapped = false;
+        while (!overlapped && !a.isDone() && !b.isDone()) {
+            for (int i = 0; i < 2; i++) before[i] = cpuTicks(pids.get(i));
+            Thread.sleep(200);
+            for (int i = 0; i < 2; i++) gained[i] = cpuTicks(pids.get(i)) - before[i];
+            overlapped = gained[0] >= 5 && gained[1] >= 5 && !a.isDone() && !b.isDone();
         }
-        throw new AssertionError("no attempt ran the loops at once:" + attempts);
+        for (CompletableFuture<Result> f : java.util.List.of(a, b)) {
+            assertTrue(failure(f).getMessage().contains("time limit of 4 s passed"), failure(f).getMessage());
+        }
+        assertTrue(overlapped, "the workers did not both run in one window: " + gained[0] + " and " + gained[1]
+                + " ticks");
+        awaitWorkers(pool, 2, java.util.List.of());
     }
 
     /** The conversions' round trips (but null, which no procedure takes as one argument), and a large array. */
@@ -343,13 +357,33 @@ class PoolTest {
         p.close();
     }
 
-    /** The main of a JVM that opens a pool, prints its workers' pids, and waits to be killed. */
+    /**
+     * The main of a JVM that opens a pool, prints its workers' pids, and
+     * waits to be killed; with "exit", it returns without closing the pool.
+     */
     public static final class Opener {
         public static void main(String[] args) throws Exception {
             EnginePool p = EnginePool.builder().workers(2).build();
             System.out.println("pids " + p.workerPids());
             System.out.flush();
-            Thread.sleep(60_000);
+            if (args.length == 0) Thread.sleep(60_000);
+        }
+    }
+
+    static Process opener(String... args) throws Exception {
+        String launcher = ProcessHandle.current().info().command().orElse("java");
+        String classPath = where(EnginePool.class) + java.io.File.pathSeparator + where(PoolTest.class);
+        java.util.List<String> command = new java.util.ArrayList<>(
+                java.util.List.of(launcher, "-cp", classPath, Opener.class.getName()));
+        command.addAll(java.util.List.of(args));
+        return new ProcessBuilder(command).redirectErrorStream(true).start();
+    }
+
+    /** The socket folders in the temporary folder of the process with this id. */
+    static java.util.List<java.nio.file.Path> socketFolders(long pid) throws java.io.IOException {
+        try (java.util.stream.Stream<java.nio.file.Path> all = java.nio.file.Files.list(
+                java.nio.file.Path.of(System.getProperty("java.io.tmpdir")))) {
+            return all.filter(f -> f.getFileName().toString().startsWith("ambrix-pool-" + pid + "-")).toList();
         }
     }
 
@@ -359,10 +393,7 @@ class PoolTest {
 
     @Test
     void workersEndWhenTheirPoolsJvmIsKilled() throws Exception {
-        String launcher = ProcessHandle.current().info().command().orElse("java");
-        String classPath = where(EnginePool.class) + java.io.File.pathSeparator + where(PoolTest.class);
-        Process opener = new ProcessBuilder(launcher, "-cp", classPath, Opener.class.getName())
-                .redirectErrorStream(true).start();
+        Process opener = opener();
         java.io.BufferedReader out = new java.io.BufferedReader(new java.io.InputStreamReader(opener.getInputStream()));
         String line;
         do {
@@ -376,6 +407,68 @@ class PoolTest {
         long end = System.nanoTime() + TimeUnit.SECONDS.toNanos(2);
         while (System.nanoTime() < end && pids.stream().anyMatch(PoolTest::alive)) Thread.sleep(20);
         for (long pid : pids) assertFalse(alive(pid), "worker " + pid + " outlived its pool");
+        // The killed JVM's socket folder is left behind until the next pool of this user removes it.
+        assertEquals(1, socketFolders(opener.pid()).size());
+        EnginePool.builder().workers(1).build().close();
+        assertEquals(java.util.List.of(), socketFolders(opener.pid()));
+    }
+
+    @Test
+    void aPoolsSocketFolderIsNamedForItsProcessAndGoesWhenItsJvmExits() throws Exception {
+        assertEquals(1, socketFolders(ProcessHandle.current().pid()).size());
+        // The folder of a process that is alive stays; one whose process is gone goes.
+        java.nio.file.Path living = java.nio.file.Files.createDirectory(
+                java.nio.file.Path.of(System.getProperty("java.io.tmpdir"), "ambrix-pool-1-77"));
+        try {
+            Process exits = opener("exit");
+            assertEquals(0, exits.waitFor());
+            assertEquals(java.util.List.of(), socketFolders(exits.pid()), "a pool that was never closed");
+            EnginePool.builder().workers(1).build().close();
+            assertTrue(java.nio.file.Files.isDirectory(living), "the folder of a living process was removed");
+        } finally {
+            java.nio.file.Files.deleteIfExists(living);
+        }
+    }
+
+    /** Records the pool's log. */
+    static final class LogRecords extends java.util.logging.Handler {
+        final java.util.List<String> messages = new java.util.concurrent.CopyOnWriteArrayList<>();
+
+        @Override
+        public void publish(java.util.logging.LogRecord r) {
+            messages.add(r.getLevel() + " " + r.getMessage());
+        }
+
+        @Override
+        public void flush() {}
+
+        @Override
+        public void close() {}
+    }
+
+    @Test
+    void aTaskWaitingWhileSessionsHoldEveryWorkerIsLoggedOnce() throws Exception {
+        java.util.logging.Logger log = java.util.logging.Logger.getLogger("com.quorbit.ambrix.pool");
+        LogRecords records = new LogRecords();
+        log.addHandler(records);
+        try (EnginePool p = EnginePool.builder().workers(1).build()) {
+            CompletableFuture<Result> first;
+            CompletableFuture<Result> second;
+            try (Session s = p.session()) {
+                first = p.submit("1;");
+                second = p.submit("2;");
+                assertEquals("3", s.evaluate("3;").text());
+                assertFalse(first.isDone());
+            }
+            assertEquals("1", first.join().text());
+            assertEquals("2", second.join().text());
+        } finally {
+            log.removeHandler(records);
+        }
+        java.util.List<String> warnings = records.messages.stream().filter(m -> m.contains("open session")).toList();
+        assertEquals(1, warnings.size(), records.messages.toString());
+        assertTrue(warnings.get(0).startsWith("WARNING a task waits in line while every worker (1) is held"),
+                warnings.get(0));
     }
 
     @Test
