@@ -14,6 +14,8 @@ install(FILES ${CMAKE_BINARY_DIR}/java/ambrix.jar ${CMAKE_BINARY_DIR}/java/vexel
               ${CMAKE_BINARY_DIR}/java/vexeljupyter.jar
         DESTINATION share/java)
 install(PROGRAMS ${PROJECT_SOURCE_DIR}/shell/vexel-installed DESTINATION bin RENAME vexel)
+# The README, which the notebook's Help menu opens.
+install(FILES ${PROJECT_SOURCE_DIR}/README.md DESTINATION share/doc/ambrix)
 # The Jupyter kernelspec, naming the installed launcher: an installed
 # package appears in Jupyter without further steps.
 install(CODE "execute_process(COMMAND ${PROJECT_SOURCE_DIR}/jupyter/kernelspec.sh
@@ -21,7 +23,7 @@ install(CODE "execute_process(COMMAND ${PROJECT_SOURCE_DIR}/jupyter/kernelspec.s
     \"\${CMAKE_INSTALL_PREFIX}/bin/vexel\" COMMAND_ERROR_IS_FATAL ANY)")
 
 set(CPACK_PACKAGE_NAME ambrix)
-set(CPACK_PACKAGE_VERSION 0.1.0)
+set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 set(CPACK_PACKAGE_CONTACT "ambrix maintainers <ambrix@example.org>")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "Vexel computer-algebra kernel for Java programs, and the Vexel shell")
 set(CPACK_PACKAGE_DESCRIPTION

@@ -5,6 +5,7 @@
 # the build's. Then Ctrl-C (SIGINT) stops a running statement, not the shell.
 # Usage: pipe.sh BUILD_DIR [LAUNCHER]
 set -euo pipefail
+trap 'echo "pipe.sh: line $LINENO failed" >&2' ERR
 here=$(cd "$(dirname "$0")" && pwd)
 build=$(cd "$1" && pwd)
 vexel=${2:-$here/../../shell/vexel}
@@ -21,10 +22,39 @@ run() {
 # error, and quit.
 run "$here/statements.vx" >"$work/out" 2>&1
 diff -u "$here/statements.out" "$work/out"
+status=0
 { cat "$here/statements.vx"; printf '?? print\nreadline();\nan answer line\n1/0;\nquit\nprint("not reached");\n'; } \
-  | run >"$work/out" 2>&1
+  | run >"$work/out" 2>&1 || status=$?
+[[ $status == 1 ]] || { echo "FAILED: piped statements with an error exited $status, not 1"; exit 1; }
 { cat "$here/statements.out"; printf 'Usage\nprint(e1, e2, ...)\n"an answer line"\nError, numeric exception: division by zero\n'; } \
   | diff -u - "$work/out"
+
+# One rule for the exit status, whatever is read that is not a terminal: 1
+# when a statement failed, else 0. A file run shows no banner; --version
+# names both versions.
+printf '1/0;\n' >"$work/fails.vx"
+printf '1;\n' >"$work/passes.vx"
+while read -r expected how; do
+  status=0
+  case $how in
+    pipe-fails) printf '1/0;\n2;\n' | run >/dev/null 2>&1 || status=$? ;;
+    pipe-passes) printf '1;\n' | run >/dev/null 2>&1 || status=$? ;;
+    isolated-fails) printf '1/0;\n' | run --isolated >/dev/null 2>&1 || status=$? ;;
+    file-fails) "$vexel" "$work/fails.vx" >/dev/null 2>&1 || status=$? ;;
+    file-passes) "$vexel" "$work/passes.vx" >"$work/out" 2>&1 || status=$? ;;
+  esac
+  [[ $status == "$expected" ]] || { echo "FAILED: $how exited $status, not $expected"; exit 1; }
+done <<'CASES'
+1 pipe-fails
+0 pipe-passes
+1 isolated-fails
+1 file-fails
+0 file-passes
+CASES
+[[ $(cat "$work/out") == 1 ]] || { echo "FAILED: a file run printed more than its output:"; cat "$work/out"; exit 1; }
+"$vexel" --version >"$work/out" 2>&1
+grep -q '^ambrix [0-9]' "$work/out" && grep -q '^kernel: ' "$work/out" \
+  || { echo "FAILED: --version printed:"; cat "$work/out"; exit 1; }
 
 # SIGINT once the loop runs; the next statement is answered.
 mkfifo "$work/in"
@@ -40,7 +70,10 @@ done
 kill -INT "$shell"
 echo '6 * 7;' >&3
 exec 3>&-
-wait "$shell"
+# The interrupted statement failed: the piped run's status says so.
+status=0
+wait "$shell" || status=$?
+[[ $status == 1 ]] || { echo "FAILED: the interrupted run exited $status, not 1"; exit 1; }
 printf '"looping"\nError, computation interrupted\n42\n' | diff -u - "$work/out"
 # Every closing word the kernel accepts ends its block: each statement's
 # output appears while the pipe is still open, before the next is sent.
@@ -72,7 +105,8 @@ wait "$shell"
 # --isolated: the kernel runs in a worker process; a crash ends only that
 # process, and the next statement is answered by a new kernel.
 printf 'x := 5:\nprint(x);\ncrashkernel();\nx;\n1 + 2;\nerror "bad %%1", 3;\n??print\n' \
-  | LD_PRELOAD=$sanitizer_preload "$vexel" -q --isolated --test-hooks >"$work/out" 2>&1
+  | LD_PRELOAD=$sanitizer_preload "$vexel" -q --isolated --test-hooks >"$work/out" 2>&1 \
+  && { echo "FAILED: a statement whose kernel crashed did not fail the run"; exit 1; }
 printf '5\nkernel process ended: signal 11 (SIGSEGV); a new kernel was started (definitions are lost)\nx\n3\nError, bad 3\nUsage\nprint(e1, e2, ...)\n' \
   | diff -u - <(grep -v '^#' "$work/out")
 
@@ -111,7 +145,7 @@ ctrl_c
 wait_for "killed on request"
 echo '6 * 7;' >&5
 exec 5>&-
-wait "$shell"
+wait "$shell" || true
 printf '"started"\nError, computation interrupted\n9\n"spinning"\nkernel process ended: killed on request; a new kernel was started (definitions are lost)\n42\n' \
   | diff -u - <(grep -v '^#' "$work/out3")
 echo "ok: $vexel"

@@ -303,6 +303,8 @@ TEST_F(ProcessHooks, CrashKernelIsARealSegmentationFault) {
     EXPECT_EXIT(eval("crashkernel();"), ::testing::KilledBySignal(SIGSEGV), "");
 #endif
     EXPECT_ONE_ERROR(*this, "which is protected", eval("spin := 3:"));
+    EXPECT_EQ(printed("knownnames(\"fail\")"), "[\"failalloc\"]");
+    EXPECT_EQ(printed("knownnames(\"sp\")"), "[\"spin\"]");
 }
 
 }  // namespace
@@ -316,7 +318,10 @@ TEST_F(Language, KnownNamesAreBuiltInsAndAssignedNames) {
     EXPECT_EQ(printed("knownnames(\"my\")"), "[\"mystery\", \"myvalue\"]");
     EXPECT_EQ(printed("knownnames(\"pri\")"), "[\"print\"]");
     EXPECT_EQ(printed("knownnames(\"zz\")"), "[]");
-    EXPECT_EQ(printed("knownnames(\"spi\")"), "[]");  // a hook only with --test-hooks
+    // The hooks only with --test-hooks.
+    for (const char *prefix : {"spi", "fail", "poi", "textc", "errorc", "statusc"})
+        EXPECT_EQ(printed(std::string("knownnames(\"") + prefix + "\")"), "[]") << prefix;
+    EXPECT_EQ(printed("knownnames(\"status\")"), "[\"status\"]");
 }
 
 }  // namespace

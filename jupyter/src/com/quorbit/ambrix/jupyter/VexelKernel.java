@@ -164,6 +164,9 @@ public final class VexelKernel {
                     reply(socket, m, "interrupt_reply", ok());
                 }
                 case "shutdown_request" -> shutdown(socket, m);
+                // No widgets here: comm messages are ignored, as the protocol allows.
+                case "comm_open", "comm_msg", "comm_close" -> {
+                }
                 default -> unknown(socket, m);
             }
         } catch (RuntimeException e) {
@@ -218,10 +221,14 @@ public final class VexelKernel {
         c.addProperty("banner", (version.isEmpty() ? "Vexel" : version) + " in Jupyter. A statement ends with ;"
                 + " (its value is shown) or : (silent); ?name shows help.");
         JsonArray links = new JsonArray();
-        JsonObject link = new JsonObject();
-        link.addProperty("text", "Vexel in Jupyter (ambrix README)");
-        link.addProperty("url", "file:///usr/share/doc/ambrix/README.md");
-        links.add(link);
+        // The launcher names the README it installed (or the repository's); no link to a missing file.
+        String readme = System.getProperty("ambrix.readme");
+        if (readme != null && Files.isRegularFile(Path.of(readme))) {
+            JsonObject link = new JsonObject();
+            link.addProperty("text", "Vexel in Jupyter (ambrix README)");
+            link.addProperty("url", Path.of(readme).toAbsolutePath().normalize().toUri().toString());
+            links.add(link);
+        }
         c.add("help_links", links);
         return c;
     }
@@ -286,8 +293,11 @@ public final class VexelKernel {
         abort(queued);
     }
 
-    /** One step of a cell: a statement, or a help line ("?name") as the shell reads it. */
-    private record Step(String text, boolean help) {
+    /** One step of a cell: a statement, or a help line ("?name") as the shell reads it, with its level. */
+    private record Step(String text, int helpLevel) {
+        boolean help() {
+            return helpLevel > 0;
+        }
     }
 
     /** The cell's steps, as the shell reads its lines. */
@@ -297,16 +307,16 @@ public final class VexelKernel {
         for (String line : code.split("\n", -1)) {
             StatementScanner.HelpLine help = scanner.isEmpty() ? StatementScanner.helpLine(line) : null;
             if (help != null) {
-                steps.add(new Step(help.topic(), true));
+                steps.add(new Step(help.topic(), help.level()));
                 continue;
             }
             for (StatementScanner.Statement st : scanner.addLine(line)) {
-                steps.add(new Step(st.text(), false));
+                steps.add(new Step(st.text(), 0));
             }
         }
         StatementScanner.Statement rest = scanner.takeRest();
         if (rest != null) {
-            steps.add(new Step(rest.text(), false));
+            steps.add(new Step(rest.text(), 0));
         }
         return steps;
     }
@@ -320,7 +330,7 @@ public final class VexelKernel {
                 if (interrupted) {
                     throw new VexelException("computation interrupted");
                 }
-                String shown = step.help() ? helpOrError(step.text()) : evaluate(step.text());
+                String shown = step.help() ? helpOrError(step.text(), step.helpLevel()) : evaluate(step.text());
                 if (!shown.isEmpty() && !silent) {
                     show(shown, !step.help() && i == steps.size() - 1, count, m);
                 }
@@ -330,6 +340,10 @@ public final class VexelKernel {
                 error.addProperty("evalue", String.valueOf(e.getMessage()));
                 JsonArray traceback = new JsonArray();
                 traceback.add("Error, " + e.getMessage());
+                // A parse error points into the statement as the user wrote it: its line, and a caret.
+                if (!step.help()) {
+                    StatementScanner.caretLines(step.text(), output.errorOffset).forEach(traceback::add);
+                }
                 error.add("traceback", traceback);
                 return error;
             }
@@ -346,20 +360,47 @@ public final class VexelKernel {
         boolean shows = !text.endsWith(":");
         String silentText = text.endsWith(";") || text.endsWith(":") ? text.substring(0, text.length() - 1) + ":"
                 : text + ":";
-        Algebraic value = engine.evaluate(silentText);
+        Algebraic value;
+        output.errorOffset = -1;
+        try {
+            value = engine.evaluate(silentText);
+        } catch (VexelException e) {
+            if (output.errorOffset >= 0 && !silentText.equals(text)) {
+                // A parse error: nothing ran. The statement as typed fails the same way, and the
+                // kernel's message and offset then speak of the user's own text.
+                output.errorOffset = -1;
+                engine.evaluate(text);
+            }
+            throw e;
+        }
         if (value == null || !shows || value.isStop()) {
             return "";
         }
         return value.toString();
     }
 
-    private String helpOrError(String topic) {
-        String text = help(topic);
+    /** A help line's text: levels 1, 2, 3 are all sections, usage, examples; no topic gives an overview. */
+    private String helpOrError(String topic, int level) {
+        if (topic.isEmpty()) {
+            return OVERVIEW;
+        }
+        int section = switch (level) {
+            case 2 -> Engine.VEXEL_HELP_USAGE;
+            case 3 -> Engine.VEXEL_HELP_EXAMPLES;
+            default -> Engine.VEXEL_HELP_ALL;
+        };
+        String text = help(topic, section);
         if (text == null) {
             throw new VexelException("no help for " + topic);
         }
         return text;
     }
+
+    private static final String OVERVIEW = String.join("\n",
+            "Statements end with ';' (the value is shown) or ':' (silent), and may span lines.",
+            "  ?topic     help on a topic, for example ?print",
+            "  ??topic    usage only;  ???topic  examples only",
+            "  Tab        completes names; Shift-Tab shows help on the name at the cursor");
 
     /** A value shown: display data, or the cell's result when it is its last step. */
     private void show(String shown, boolean last, int count, Channels.Message m) {
@@ -420,6 +461,15 @@ public final class VexelKernel {
     /** The kernel's output, as stream messages of the request being executed. */
     private final class Output extends EngineCallBacksDefault {
         volatile boolean silent;
+        /** The offset of the last error into the statement, or -1 when it has none. */
+        volatile int errorOffset = -1;
+
+        @Override
+        public void errorCallBack(Object data, int offset, String message) {
+            errorOffset = offset;
+            super.errorCallBack(data, offset, message);
+        }
+
         final StringBuilder text = new StringBuilder();
 
         @Override
@@ -564,10 +614,13 @@ public final class VexelKernel {
         int at = charIndex(code, cursor);
         int[] name = nameAt(code, at, true);
         String topic = code.substring(name[0], name[1]);
+        if (topic.isEmpty()) {
+            topic = calledName(code, at);
+        }
         JsonObject c = ok();
         c.add("metadata", new JsonObject());
         JsonObject data = new JsonObject();
-        String help = help(topic);
+        String help = help(topic, Engine.VEXEL_HELP_ALL);
         c.addProperty("found", help != null);
         if (help != null) {
             data.addProperty("text/plain", help);
@@ -576,13 +629,45 @@ public final class VexelKernel {
         return c;
     }
 
+    /**
+     * The name of the call whose arguments the cursor is in, as in "seq(" or
+     * "seq(i, i = 1.." with the cursor at the end; empty when there is none.
+     */
+    static String calledName(String code, int at) {
+        int depth = 0;
+        for (int i = at - 1; i >= 0; i--) {
+            char ch = code.charAt(i);
+            if (ch == ')' || ch == ']' || ch == '}') {
+                depth++;
+            } else if (ch == '[' || ch == '{') {
+                depth = Math.max(0, depth - 1);
+            } else if (ch == '(') {
+                if (depth > 0) {
+                    depth--;
+                    continue;
+                }
+                int end = i;
+                while (end > 0 && Character.isWhitespace(code.charAt(end - 1))) {
+                    end--;
+                }
+                int[] name = nameAt(code, end, false);
+                if (name[0] < end) {
+                    return code.substring(name[0], end);
+                }
+            } else if (ch == ';' || ch == ':' && !(i + 1 < code.length() && code.charAt(i + 1) == '=')) {
+                break;
+            }
+        }
+        return "";
+    }
+
     /** The kernel's help on a topic as plain text, or null when it has none (or no topic is given). */
-    private String help(String topic) {
+    private String help(String topic, int section) {
         if (topic.isEmpty()) {
             return null;
         }
         try {
-            return engine.getHelpText(topic, Engine.VEXEL_HELP_ALL, 80);
+            return engine.getHelpText(topic, section, 80);
         } catch (VexelException e) {
             return null;
         }
@@ -666,27 +751,17 @@ public final class VexelKernel {
 
     // ---- shutdown ----
 
+    /**
+     * Answers and exits, whatever the restart flag says: the kernel manager
+     * that asked for a restart starts a new process itself.
+     */
     private void shutdown(ZMQ.Socket socket, Channels.Message m) {
-        boolean restart = bool(m.content, "restart", false);
         JsonObject c = ok();
-        c.addProperty("restart", restart);
-        if (restart) {
-            interrupt();
-            engine.restart();
-            executionCount = 0;
-            reply(socket, m, "shutdown_reply", c);
-            publish("shutdown_reply", c, m);
-            return;
-        }
+        c.addProperty("restart", bool(m.content, "restart", false));
         interrupt();
         reply(socket, m, "shutdown_reply", c);
         publish("shutdown_reply", c, m);
         publishStatus("idle", m);
-        try {
-            engine.stop();
-        } catch (VexelException e) {
-            // stopped already
-        }
         running = false;
         // Give the replies time to leave before the sockets close.
         try {
@@ -694,6 +769,8 @@ public final class VexelKernel {
         } catch (InterruptedException e) {
             Thread.currentThread().interrupt();
         }
+        // The kernel's memory goes with the process: no orderly stop, which would wait for an
+        // evaluation that the interrupt has not ended yet.
         System.exit(0);
     }
 }

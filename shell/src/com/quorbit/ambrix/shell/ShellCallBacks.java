@@ -48,6 +48,11 @@ final class ShellCallBacks extends EngineCallBacksDefault {
         statementLine = line;
     }
 
+    /** Counts a statement that failed without a kernel error (its kernel process ended). */
+    void countFailure() {
+        errors++;
+    }
+
     /** The number of errors reported so far. */
     int errorCount() {
         return errors;
@@ -77,17 +82,7 @@ final class ShellCallBacks extends EngineCallBacksDefault {
             where = fileName + ":" + line + ": ";
         }
         terminal.println(where + "Error, " + message);
-        if (located && !text.isEmpty()) {
-            int from = text.lastIndexOf('\n', offset - 1) + 1;
-            int to = text.indexOf('\n', offset);
-            String line = text.substring(from, to < 0 ? text.length() : to);
-            StringBuilder caret = new StringBuilder();
-            for (int i = from; i < offset; i++) {
-                caret.append(text.charAt(i) == '\t' ? '\t' : ' ');
-            }
-            terminal.println(line);
-            terminal.println(caret.append('^'));
-        }
+        StatementScanner.caretLines(text, offset).forEach(terminal::println);
         terminal.flush();
     }
 

@@ -38,6 +38,23 @@ public final class StatementScanner {
         return m.matches() ? new HelpLine(m.group(2), m.group(1).length()) : null;
     }
 
+    /**
+     * The line of the statement that an error's offset falls on, and under it
+     * a caret at the offset; none when the offset is outside the statement.
+     */
+    public static java.util.List<String> caretLines(String statement, int offset) {
+        if (offset < 0 || offset > statement.length() || statement.isEmpty()) {
+            return java.util.List.of();
+        }
+        int from = statement.lastIndexOf('\n', offset - 1) + 1;
+        int to = statement.indexOf('\n', offset);
+        StringBuilder caret = new StringBuilder();
+        for (int i = from; i < offset; i++) {
+            caret.append(statement.charAt(i) == '\t' ? '\t' : ' ');
+        }
+        return java.util.List.of(statement.substring(from, to < 0 ? statement.length() : to), caret.append('^').toString());
+    }
+
     /** Whether a piece of code is ready to run. */
     public enum Completeness {
         /** Every statement in it is ended (or it holds none). */

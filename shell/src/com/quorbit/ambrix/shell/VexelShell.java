@@ -31,9 +31,15 @@ import java.util.regex.Pattern;
  *
  * <p>Arguments starting with {@code -} are start options for the kernel
  * ({@code -q} for no banner, {@code --gcthreshold=N}); {@code --} ends them.
+ * {@code --version} prints the versions of ambrix and of the kernel.
  * Without files the shell reads statements from standard input, prompting
- * when it is a terminal. With files it runs their statements in order and
- * exits with status 1 if any of them failed, 0 otherwise.
+ * when it is a terminal. With files it runs their statements in order,
+ * without the banner.
+ *
+ * <p>The exit status: reading anything but a terminal (files, or standard
+ * input from a pipe or a file), the shell exits with status 1 if any
+ * statement failed, 0 otherwise (130 when Ctrl-C ended a file's run); an
+ * interactive session at a terminal exits with 0.
  *
  * <p>At the prompt:
  * <ul>
@@ -95,6 +101,8 @@ public final class VexelShell {
             } else if (options && (a.equals("-h") || a.equals("--help"))) {
                 usage(out);
                 return 0;
+            } else if (options && a.equals("--version")) {
+                return version();
             } else if (options && a.startsWith("-") && a.length() > 1) {
                 kernelArgs.add(a);
             } else {
@@ -114,6 +122,10 @@ public final class VexelShell {
                 System.err.println("vexel: cannot read " + name + ": " + e);
                 return 2;
             }
+        }
+        if (!sources.isEmpty() && !kernelArgs.contains("-q")) {
+            // A script's output is its own: no banner.
+            kernelArgs.add(0, "-q");
         }
         boolean terminal = sources.isEmpty() && System.console() != null;
         input = terminal ? openTerminal() : null;
@@ -180,6 +192,7 @@ public final class VexelShell {
             out.flush();
             System.err.println("kernel process ended: " + e.reason() + "; a new kernel was started"
                     + " (definitions are lost)");
+            callbacks.countFailure();
             session = pool.session();
         }
     }
@@ -239,7 +252,8 @@ public final class VexelShell {
                 }
             }
         }
-        return 0;
+        // Input that is not a terminal is a script: its failures are the exit status, as for files.
+        return terminal ? 0 : exitStatus();
     }
 
     /** A file of statements: its name for messages, and its lines. */
@@ -350,8 +364,27 @@ public final class VexelShell {
         }
     }
 
+    /** Prints the versions of ambrix and of the kernel it loads. */
+    private int version() {
+        String ambrix = Engine.class.getPackage().getImplementationVersion();
+        out.println("ambrix " + (ambrix == null ? "(unknown version)" : ambrix));
+        try {
+            Engine e = new Engine(new String[] {"-q"}, new com.quorbit.ambrix.EngineCallBacksDefault(), null);
+            try {
+                Algebraic v = e.evaluate("kernelopts(version):");
+                out.println("kernel: " + (v == null ? "(no version)" : v.toJava()));
+            } finally {
+                e.stop();
+            }
+        } catch (VexelException | LinkageError e) {
+            out.println("kernel: not loaded (" + e.getMessage() + ")");
+            return 2;
+        }
+        return 0;
+    }
+
     private static void usage(PrintStream out) {
-        out.println("Usage: vexel [--isolated] [kernel options] [file ...]");
+        out.println("Usage: vexel [--isolated] [kernel options] [file ...]   or   vexel --version");
         out.println();
         out.println("  Statements end with ';' (the value is printed) or ':' (silent).");
         out.println("  ?topic     help on a topic, for example ?print");
@@ -361,7 +394,9 @@ public final class VexelShell {
         out.println();
         out.println("  Kernel options: -q (no banner), --gcthreshold=N.");
         out.println("  --isolated runs the kernel in a worker process, which a crash cannot take down.");
-        out.println("  With files, runs their statements and exits: status 1 if any failed.");
+        out.println("  With files, runs their statements and exits.");
+        out.println("  Reading files or a pipe, the exit status is 1 if any statement failed.");
+        out.println("  --version prints the versions of ambrix and of the kernel.");
         out.flush();
     }
 
