@@ -3,6 +3,8 @@ restart, signatures, input, and the order of a cell's outputs. Each wait has
 a guard timeout, so that a fault shows as a failure, never a hang."""
 import hashlib
 import hmac
+import os
+import urllib.parse
 import signal
 import time
 import unittest
@@ -90,12 +92,17 @@ class VexelClientTests(unittest.TestCase):
         self.assertEqual(self.run_cell("6 * 7;")[1][-1]["content"]["data"]["text/plain"], "42")
 
     def test_restart_forgets_definitions(self):
+        """A restart as a notebook makes it: the kernel answers and exits by itself, and the manager
+        starts a new one. A kernel that stayed up would be terminated after half the manager's wait."""
         self.run_cell("kept := 11:")
         self.assertEqual(self.run_cell("kept;")[1][-1]["content"]["data"]["text/plain"], "11")
-        self.kc.shutdown(restart=True)
-        reply = self.kc.get_control_msg(timeout=TIMEOUT) if hasattr(self.kc, "get_control_msg") else None
-        if reply is not None:
-            self.assertEqual(reply["content"]["restart"], True)
+        old = self.km.provisioner.process
+        start = time.time()
+        self.km.restart_kernel(now=False)
+        took = time.time() - start
+        self.assertEqual(old.returncode, 0, "the kernel did not exit by itself")
+        self.assertLess(took, self.km.shutdown_wait_time / 2)
+        self.kc.wait_for_ready(timeout=60)
         self.drain()
         self.assertEqual(self.run_cell("kept;")[1][-1]["content"]["data"]["text/plain"], "kept")
 
@@ -158,15 +165,58 @@ class VexelClientTests(unittest.TestCase):
         self.assertEqual(out, [])
         self.assertEqual(self.run_cell("1;")[0]["execution_count"], before + 1)
 
-    def test_unknown_and_comm_requests_are_answered(self):
+    def test_unknown_requests_are_answered_and_comms_ignored(self):
         msg = self.kc.session.msg("comm_info_request", {})
         self.kc.shell_channel.send(msg)
         reply = self.kc.get_shell_msg(timeout=TIMEOUT)
         self.assertEqual(reply["content"], {"status": "ok", "comms": {}})
+        # A kernel without widgets ignores comm messages: no reply, and the next request is answered.
+        for kind, content in (("comm_open", {"comm_id": "c1", "target_name": "t", "data": {}}),
+                              ("comm_msg", {"comm_id": "c1", "data": {}}), ("comm_close", {"comm_id": "c1"})):
+            self.kc.shell_channel.send(self.kc.session.msg(kind, content))
         msg = self.kc.session.msg("no_such_request", {})
         self.kc.shell_channel.send(msg)
         reply = self.kc.get_shell_msg(timeout=TIMEOUT)
+        self.assertEqual(reply["msg_type"], "no_such_reply")
         self.assertEqual(reply["content"]["status"], "error")
+
+    def test_help_lines_as_in_the_shell(self):
+        cases = [("?", "?topic"), ("??print", "print(e1, e2, ...)"), ("???print", "print(")]
+        for code, expected in cases:
+            reply, out = self.run_cell(code)
+            self.assertEqual(reply["status"], "ok", code)
+            text = out[-1]["content"]["data"]["text/plain"]
+            self.assertIn(expected, text, code)
+        usage = self.run_cell("??print")[1][-1]["content"]["data"]["text/plain"]
+        whole = self.run_cell("?print")[1][-1]["content"]["data"]["text/plain"]
+        self.assertLess(len(usage), len(whole))
+
+    def test_inspect_finds_the_call_around_the_cursor(self):
+        for code in ("seq(", "x := seq(i, i = 1..", "seq(f(2), "):
+            self.kc.inspect(code, len(code))
+            reply = self.kc.get_shell_msg(timeout=TIMEOUT)["content"]
+            self.assertTrue(reply["found"], code)
+            self.assertIn("seq", reply["data"]["text/plain"], code)
+        self.kc.inspect("1 + ", 4)
+        self.assertFalse(self.kc.get_shell_msg(timeout=TIMEOUT)["content"]["found"])
+
+    def test_a_syntax_error_shows_the_users_line_and_a_caret(self):
+        reply, out = self.run_cell("y := 2:\nx := 1 +;")
+        self.assertEqual(reply["status"], "error")
+        self.assertNotIn("':'", reply["evalue"])
+        self.assertEqual(reply["traceback"][1:], ["x := 1 +;", "        ^"])
+
+    def test_completion_offers_no_test_hooks(self):
+        for prefix in ("fail", "textc", "poi"):
+            self.kc.complete(prefix, len(prefix))
+            self.assertEqual(self.kc.get_shell_msg(timeout=TIMEOUT)["content"]["matches"], [], prefix)
+
+    def test_the_help_link_opens_a_file_that_exists(self):
+        self.kc.kernel_info()
+        links = self.kc.get_shell_msg(timeout=TIMEOUT)["content"]["help_links"]
+        self.assertEqual(len(links), 1)
+        self.assertTrue(links[0]["url"].startswith("file:///"))
+        self.assertTrue(os.path.isfile(urllib.parse.unquote(links[0]["url"][len("file://"):])))
 
     def test_completion_counts_code_points(self):
         code = '"\U0001d11e" + pri'
