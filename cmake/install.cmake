@@ -1,5 +1,6 @@
 # Installation: DIR/lib (libambrix.so and the stand-in kernel libvexelc.so),
 # DIR/share/java (ambrix.jar, the shell's jar and the Jupyter kernel's),
+# DIR/share/maven-repo (the Maven artifact com.quorbit:ambrix),
 # DIR/bin/vexel, the shell's launcher, which finds the rest relative to
 # itself, and DIR/share/jupyter/kernels/vexel, the Jupyter kernelspec.
 #
@@ -14,6 +15,14 @@ install(FILES ${CMAKE_BINARY_DIR}/java/ambrix.jar ${CMAKE_BINARY_DIR}/java/vexel
               ${CMAKE_BINARY_DIR}/java/vexeljupyter.jar
         DESTINATION share/java)
 install(PROGRAMS ${PROJECT_SOURCE_DIR}/shell/vexel-installed DESTINATION bin RENAME vexel)
+# The Maven artifact set, under Debian's Java repository layout
+# (DIR/share/maven-repo), beside Debian's version link: the artifact as
+# version "debian", as Debian's maven-repo-helper makes it.
+install(DIRECTORY ${CMAKE_BINARY_DIR}/maven/ DESTINATION share/maven-repo)
+install(FILES ${CMAKE_BINARY_DIR}/java/ambrix-debian.pom DESTINATION share/maven-repo/com/quorbit/ambrix/debian)
+install(CODE "file(CREATE_LINK ../${PROJECT_VERSION}/ambrix-${PROJECT_VERSION}.jar
+    \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/share/maven-repo/com/quorbit/ambrix/debian/ambrix-debian.jar\"
+    SYMBOLIC)")
 # The README, which the notebook's Help menu opens.
 install(FILES ${PROJECT_SOURCE_DIR}/README.md DESTINATION share/doc/ambrix)
 # The Jupyter kernelspec, naming the installed launcher: an installed

@@ -5,7 +5,9 @@ set -euo pipefail
 packages=(g++ cmake make file libgmp-dev libgtest-dev openjdk-17-jdk-headless junit5 libjline3-java dpkg-dev
           libjeromq-java libgoogle-gson-java)
 if [[ ${1-} == --tests ]]; then
-  packages+=(python3-jupyter-kernel-test python3-jupyter-client jupyter-client jupyter-nbconvert python3-nbclient)
+  packages+=(python3-jupyter-kernel-test python3-jupyter-client jupyter-client jupyter-nbconvert python3-nbclient
+             maven libmaven-compiler-plugin-java libmaven-resources-plugin-java libmaven-jar-plugin-java
+             libsurefire-java unzip)
 fi
 missing=()
 for p in "${packages[@]}"; do

@@ -13,14 +13,29 @@ trap 'rm -rf "$work"' EXIT
 
 cmake --install "$build" --prefix "$work/installed" >/dev/null
 mv "$work/installed" "$work/moved"
+version=$(cat "$here/../../VERSION")
+maven=share/maven-repo/com/quorbit/ambrix
 for f in lib/libambrix.so lib/libvexelc.so share/java/ambrix.jar share/java/vexelshell.jar \
-         share/java/vexeljupyter.jar bin/vexel share/jupyter/kernels/vexel/kernel.json; do
+         share/java/vexeljupyter.jar bin/vexel share/jupyter/kernels/vexel/kernel.json share/doc/ambrix/README.md \
+         $maven/$version/ambrix-$version.jar $maven/$version/ambrix-$version.pom \
+         $maven/debian/ambrix-debian.jar $maven/debian/ambrix-debian.pom; do
   [[ -e $work/moved/$f ]] || { echo "not installed: $f"; exit 1; }
 done
 
 (cd "$work" && cpack -G DEB --config "$build/CPackConfig.cmake" -B "$work/package") >"$work/cpack.log" 2>&1 \
   || { cat "$work/cpack.log"; exit 1; }
 deb=$(echo "$work"/package/*.deb)
+[[ $(dpkg-deb -f "$deb" Version) == "$version" ]] || { echo "the package's version is not $version"; exit 1; }
+# The Maven repository layout, with Debian's version link.
+dpkg-deb -c "$deb" | awk '{print $6, $7, $8}' >"$work/files"
+for f in ambrix-$version.jar ambrix-$version.pom ambrix-$version-sources.jar ambrix-$version-javadoc.jar \
+         ambrix-$version.jar.sha1 ambrix-$version.pom.md5; do
+  grep -q "^./usr/$maven/$version/$f " "$work/files" || { echo "the package lacks $maven/$version/$f"; exit 1; }
+done
+grep -q "^./usr/$maven/maven-metadata-local.xml " "$work/files"
+grep -qF "./usr/$maven/debian/ambrix-debian.jar -> ../$version/ambrix-$version.jar" "$work/files" \
+  || { echo "the package lacks Debian's version link"; grep maven-repo "$work/files"; exit 1; }
+grep -q "^./usr/$maven/debian/ambrix-debian.pom " "$work/files"
 dpkg-deb -x "$deb" "$work/unpacked"
 depends=$(dpkg-deb -f "$deb" Depends)
 echo "Depends: $depends"

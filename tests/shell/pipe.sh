@@ -40,8 +40,8 @@ while read -r expected how; do
     pipe-fails) printf '1/0;\n2;\n' | run >/dev/null 2>&1 || status=$? ;;
     pipe-passes) printf '1;\n' | run >/dev/null 2>&1 || status=$? ;;
     isolated-fails) printf '1/0;\n' | run --isolated >/dev/null 2>&1 || status=$? ;;
-    file-fails) "$vexel" "$work/fails.vx" >/dev/null 2>&1 || status=$? ;;
-    file-passes) "$vexel" "$work/passes.vx" >"$work/out" 2>&1 || status=$? ;;
+    file-fails) LD_PRELOAD=$sanitizer_preload "$vexel" "$work/fails.vx" >/dev/null 2>&1 || status=$? ;;
+    file-passes) LD_PRELOAD=$sanitizer_preload "$vexel" "$work/passes.vx" >"$work/out" 2>&1 || status=$? ;;
   esac
   [[ $status == "$expected" ]] || { echo "FAILED: $how exited $status, not $expected"; exit 1; }
 done <<'CASES'
@@ -52,7 +52,7 @@ done <<'CASES'
 0 file-passes
 CASES
 [[ $(cat "$work/out") == 1 ]] || { echo "FAILED: a file run printed more than its output:"; cat "$work/out"; exit 1; }
-"$vexel" --version >"$work/out" 2>&1
+LD_PRELOAD=$sanitizer_preload "$vexel" --version >"$work/out" 2>&1
 grep -q '^ambrix [0-9]' "$work/out" && grep -q '^kernel: ' "$work/out" \
   || { echo "FAILED: --version printed:"; cat "$work/out"; exit 1; }
 

@@ -205,6 +205,10 @@ public class Engine implements AutoCloseable {
      * The kernel's help on a topic as plain text, its attributes (bold
      * headings and the like) dropped: for front ends that show text only.
      *
+     * @param topic   the topic, such as a procedure's name
+     * @param section one of the {@code VEXEL_HELP_*} constants
+     * @param width   the width to wrap to (none for 0 or less)
+     * @return the help text
      * @throws VexelException as {@link #getHelp}
      */
     public String getHelpText(String topic, int section, int width) {

@@ -26,6 +26,11 @@ public class EngineCallBacksDefault implements EngineCallBacks {
     /**
      * A status report as a front end shows it on one line:
      * {@code memory used=...K, alloc=...K, time=...s}.
+     *
+     * @param kilobytesUsed  the memory in use, in kilobytes
+     * @param kilobytesAlloc the memory allocated, in kilobytes
+     * @param cpuTime        the CPU time so far, in seconds
+     * @return the line, without its end
      */
     protected static String statusLine(long kilobytesUsed, long kilobytesAlloc, double cpuTime) {
         return String.format(Locale.ROOT, "memory used=%dK, alloc=%dK, time=%.2fs", kilobytesUsed, kilobytesAlloc,
@@ -36,6 +41,10 @@ public class EngineCallBacksDefault implements EngineCallBacks {
      * Kernel text as a front end shows it: a warning ({@code VEXEL_TEXT_WARNING})
      * that does not say so itself starts with "Warning, "; other text is
      * shown as it is.
+     *
+     * @param tag    the kind of text, one of the {@code VEXEL_TEXT_*} constants
+     * @param output the text as the kernel sent it
+     * @return the text to show
      */
     protected static String shownText(int tag, String output) {
         return tag == VEXEL_TEXT_WARNING && !output.startsWith("Warning") ? "Warning, " + output : output;

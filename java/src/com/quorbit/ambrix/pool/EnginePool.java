@@ -96,7 +96,11 @@ public final class EnginePool implements AutoCloseable {
         });
     }
 
-    /** A builder with the defaults: as many workers as processors, no limits. */
+    /**
+     * A builder with the defaults: as many workers as processors, no limits.
+     *
+     * @return the builder
+     */
     public static Builder builder() {
         return new Builder();
     }
@@ -115,7 +119,12 @@ public final class EnginePool implements AutoCloseable {
         private Builder() {
         }
 
-        /** The number of worker processes, at least 1. */
+        /**
+         * The number of worker processes.
+         *
+         * @param n at least 1
+         * @return this builder
+         */
         public Builder workers(int n) {
             if (n < 1) {
                 throw new IllegalArgumentException("workers must be at least 1, not " + n);
@@ -124,25 +133,46 @@ public final class EnginePool implements AutoCloseable {
             return this;
         }
 
-        /** Each kernel's start arguments (default: "-q"). */
+        /**
+         * Each kernel's start arguments (default: "-q").
+         *
+         * @param args the arguments
+         * @return this builder
+         */
         public Builder kernelArguments(String... args) {
             kernelArguments = java.util.List.of(args);
             return this;
         }
 
-        /** Statements run at each kernel's start and after each reset. */
+        /**
+         * Statements run at each kernel's start and after each reset.
+         *
+         * @param statements the statements, run in order
+         * @return this builder
+         */
         public Builder initialize(String... statements) {
             initialize = java.util.List.of(statements);
             return this;
         }
 
-        /** The default time limit of a task; none unless set. */
+        /**
+         * The default time limit of a task; none unless set.
+         *
+         * @param limit a positive duration
+         * @return this builder
+         */
         public Builder timeLimit(Duration limit) {
             timeLimit = positive(limit, "timeLimit");
             return this;
         }
 
-        /** How long an interrupted task may take to end before its worker is killed (default 1 s). */
+        /**
+         * How long an interrupted task may take to end before its worker is
+         * killed (default 1 s).
+         *
+         * @param grace zero or more
+         * @return this builder
+         */
         public Builder graceTime(Duration grace) {
             if (grace == null || grace.isNegative()) {
                 throw new IllegalArgumentException("graceTime must be zero or more");
@@ -151,7 +181,12 @@ public final class EnginePool implements AutoCloseable {
             return this;
         }
 
-        /** The resident memory a worker process may take, in bytes; none unless set. */
+        /**
+         * The resident memory a worker process may take; none unless set.
+         *
+         * @param bytes a positive number of bytes
+         * @return this builder
+         */
         public Builder memoryLimit(long bytes) {
             if (bytes <= 0) {
                 throw new IllegalArgumentException("memoryLimit must be positive");
@@ -160,7 +195,13 @@ public final class EnginePool implements AutoCloseable {
             return this;
         }
 
-        /** Options for each worker's JVM, after the pool's small defaults (a 64 MiB heap and the like). */
+        /**
+         * Options for each worker's JVM, after the pool's small defaults (a
+         * 64 MiB heap and the like).
+         *
+         * @param options the JVM's options
+         * @return this builder
+         */
         public Builder javaOptions(String... options) {
             javaOptions = java.util.List.of(options);
             return this;
@@ -169,6 +210,9 @@ public final class EnginePool implements AutoCloseable {
         /**
          * Whether each submit or call runs in a fresh kernel (default true);
          * false keeps definitions from task to task, for trusted batch work.
+         *
+         * @param reset whether to reset
+         * @return this builder
          */
         public Builder resetEveryTask(boolean reset) {
             resetEveryTask = reset;
@@ -178,6 +222,7 @@ public final class EnginePool implements AutoCloseable {
         /**
          * Starts the workers; returns once every one is ready.
          *
+         * @return the pool
          * @throws VexelException when a worker does not start, with its reason
          */
         public EnginePool build() {
@@ -447,12 +492,21 @@ public final class EnginePool implements AutoCloseable {
      * every worker is held, the task waits in line until a session is
      * closed (so a pool of one worker with an open session never runs it).
      * The pool logs a warning the first time this happens.
+     *
+     * @param statement one or more statements
+     * @return the future of the task's {@link Result}
      */
     public CompletableFuture<Result> submit(String statement) {
         return submit(statement, settings.timeLimit);
     }
 
-    /** As {@link #submit(String)}, with this time limit (null for none). */
+    /**
+     * As {@link #submit(String)}, with this time limit.
+     *
+     * @param statement one or more statements
+     * @param timeLimit the time limit, or null for none
+     * @return the future of the task's {@link Result}
+     */
     public CompletableFuture<Result> submit(String statement, Duration timeLimit) {
         Task t = evalTask(statement, timeLimit, true);
         dispatch(t, false);
@@ -468,6 +522,10 @@ public final class EnginePool implements AutoCloseable {
      * arguments are converted as {@code Engine.toKernel} does, and the
      * result as {@code Algebraic.toJava()} does (null where it has no Java
      * form). Failures as for {@link #submit(String)}.
+     *
+     * @param procedure the procedure's name
+     * @param args      the arguments
+     * @return the future of the result in Java, or of null
      *
      * @throws VexelException at once for an argument that cannot be sent
      */
@@ -530,6 +588,8 @@ public final class EnginePool implements AutoCloseable {
      * worker is held by a session, so leave at least one worker free for
      * them, or close the session first.
      *
+     * @return the session, which holds its worker until closed
+     *
      * @throws VexelException when the pool is closed
      */
     public Session session() {
@@ -577,7 +637,11 @@ public final class EnginePool implements AutoCloseable {
         return new WorkerLostException("pool closed", java.util.List.of());
     }
 
-    /** The process ids of the workers alive now. */
+    /**
+     * The process ids of the workers alive now.
+     *
+     * @return the ids
+     */
     public java.util.List<Long> workerPids() {
         synchronized (lock) {
             return workers.stream().map(Worker::pid).toList();

@@ -28,6 +28,8 @@ public final class Session implements AutoCloseable {
      * Evaluates statements in this session's kernel, with the pool's
      * default time limit.
      *
+     * @param statement one or more statements
+     * @return the value of the last, its text and the output
      * @throws VexelException the kernel's error; "time limit of ... passed";
      *         a {@link WorkerLostException} when the worker was lost
      */
@@ -35,7 +37,13 @@ public final class Session implements AutoCloseable {
         return evaluate(statement, pool.timeLimit());
     }
 
-    /** As {@link #evaluate(String)}, with this time limit (null for none). */
+    /**
+     * As {@link #evaluate(String)}, with this time limit.
+     *
+     * @param statement one or more statements
+     * @param timeLimit the time limit, or null for none
+     * @return the value of the last, its text and the output
+     */
     public Result evaluate(String statement, Duration timeLimit) {
         return (Result) await(pool.evalTask(statement, timeLimit, false));
     }
@@ -44,6 +52,12 @@ public final class Session implements AutoCloseable {
      * Calls the kernel procedure of that name with the arguments converted
      * as {@code Engine.toKernel} does, and returns the result converted as
      * {@code Algebraic.toJava()} does (null where it has no Java form).
+     *
+     * @param procedure the procedure's name
+     * @param args      the arguments
+     * @return the result in Java, or null
+     * @throws VexelException as {@link #evaluate(String)}, and for an
+     *         argument that cannot be sent
      */
     public Object call(String procedure, Object... args) {
         return await(pool.callTask(procedure, args, pool.timeLimit(), false));
@@ -53,7 +67,10 @@ public final class Session implements AutoCloseable {
      * The kernel's help on a topic, as plain text wrapped to the width
      * (none for 0 or less), as {@code Engine.getHelpText} gives it.
      *
+     * @param topic   the topic, such as a procedure's name
      * @param section one of {@code Engine}'s {@code VEXEL_HELP_*} constants
+     * @param width   the width to wrap to
+     * @return the help text
      * @throws VexelException "no help for ..." for an unknown topic
      */
     public String help(String topic, int section, int width) {

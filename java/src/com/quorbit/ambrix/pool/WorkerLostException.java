@@ -11,7 +11,9 @@ import com.quorbit.externalcall.VexelException;
 public class WorkerLostException extends VexelException {
     private static final long serialVersionUID = 1;
 
+    /** Why the process ended. */
     private final String reason;
+    /** The last lines the process wrote to its standard error. */
     private final java.util.List<String> lastLines;
 
     WorkerLostException(String reason, java.util.List<String> lastLines) {
@@ -25,12 +27,20 @@ public class WorkerLostException extends VexelException {
         return lastLines.isEmpty() ? m : m + "\n" + String.join("\n", lastLines);
     }
 
-    /** Why the process ended, such as "signal 11 (SIGSEGV)" or "pool closed". */
+    /**
+     * Why the process ended.
+     *
+     * @return the reason, such as "signal 11 (SIGSEGV)" or "pool closed"
+     */
     public String reason() {
         return reason;
     }
 
-    /** The last lines the process wrote to its standard error. */
+    /**
+     * The last lines the process wrote to its standard error.
+     *
+     * @return the lines, none when it wrote nothing
+     */
     public java.util.List<String> lastLines() {
         return lastLines;
     }

@@ -61,6 +61,11 @@ public final class WorkerMain {
         }
     }
 
+    /**
+     * Runs a worker.
+     *
+     * @param args the pool's socket, and {@code --echo} for the echo worker
+     */
     public static void main(String[] args) {
         if (args.length < 1) {
             System.err.println("ambrix worker: started without a pool");
