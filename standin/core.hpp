@@ -328,6 +328,10 @@ int64_t rtable_num_dims(H rt);
 int64_t rtable_bound(H rt, int64_t dim, bool upper);
 uint64_t rtable_hash(H rt);
 
+// ---- typeset output and plots (latex.cpp, plot.cpp) ----
+std::string latex(H h);
+H plot_builtin(const std::vector<H> &args);
+
 // ---- help (help.cpp) ----
 const char *help(const char *topic, const char *section, VexelWriteCharFunc wc, VexelWriteAttribFunc wa, int width,
                  void *data);

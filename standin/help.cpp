@@ -53,6 +53,15 @@ const Page kPages[] = {
      "Returns the _i_-th operand of _e_ (from the end when _i_ is negative); op(0, f(x)) is f. Without _i_ it returns "
      "all the operands as a sequence.",
      "op(2, [a, b, c]);", "nops"},
+    {"latex", "latex(_e_)",
+     "Returns a string holding the LaTeX of _e_, for front ends that typeset: fractions, powers, roots, function "
+     "calls, lists, sets and tables, 2-D rectangular tables as matrices, strings as text. It prints nothing.",
+     "latex((x + 1)^2/(y - 3));", "plot print"},
+    {"plot", "plot(_e_, _x_ = _a_.._b_) or plot([_e1_, _e2_, ...], _x_ = _a_.._b_)",
+     "Samples the expressions in _x_ from _a_ to _b_ and sends the front end an SVG picture of their curves through "
+     "the stream \"plot\", with a legend when there are several. It returns NULL. Points where an expression gives "
+     "no number are left out; an expression that gives none at all is an error.",
+     "plot(x^2 - 1, x = -2..2);", "latex"},
     {"seq", "seq(_e_, _i_ = _a_.._b_)",
      "Evaluates _e_ for each integer _i_ from _a_ to _b_ and returns the results as a sequence. The right-hand side "
      "may also be a list or a set, whose elements _i_ then takes in turn.",

@@ -414,6 +414,8 @@ const std::unordered_map<std::string, const Builtin *> &builtins() {
         {"writeto", 1, 1, [](const std::vector<H> &a) { return redirect(a, "w"); }},
         {"appendto", 1, 1, [](const std::vector<H> &a) { return redirect(a, "a"); }},
         {"streamcall", 1, kAnyCount, streamcall_builtin},
+        {"latex", 1, 1, [](const std::vector<H> &a) { return mk_string(latex(a[0])); }},
+        {"plot", 2, 2, plot_builtin},
         {"callback", 1, 1,
          [](const std::vector<H> &a) {
              std::string s = string_of(a[0]);

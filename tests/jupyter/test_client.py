@@ -3,6 +3,7 @@ restart, signatures, input, and the order of a cell's outputs. Each wait has
 a guard timeout, so that a fault shows as a failure, never a hang."""
 import hashlib
 import hmac
+from xml.etree import ElementTree
 import os
 import urllib.parse
 import signal
@@ -13,6 +14,7 @@ from queue import Empty
 from jupyter_client.manager import start_new_kernel
 
 TIMEOUT = 20
+SVG = "{http://www.w3.org/2000/svg}"
 
 
 class VexelClientTests(unittest.TestCase):
@@ -204,7 +206,7 @@ class VexelClientTests(unittest.TestCase):
         reply, out = self.run_cell("y := 2:\nx := 1 +;")
         self.assertEqual(reply["status"], "error")
         self.assertNotIn("':'", reply["evalue"])
-        self.assertEqual(reply["traceback"][1:], ["x := 1 +;", "        ^"])
+        self.assertEqual(reply["traceback"][1:], ["x := 1 +;", "\x1b[0;31m        ^\x1b[0m"])
 
     def test_completion_offers_no_test_hooks(self):
         for prefix in ("fail", "textc", "poi"):
@@ -217,6 +219,69 @@ class VexelClientTests(unittest.TestCase):
         self.assertEqual(len(links), 1)
         self.assertTrue(links[0]["url"].startswith("file:///"))
         self.assertTrue(os.path.isfile(urllib.parse.unquote(links[0]["url"][len("file://"):])))
+
+    def test_values_are_typeset_plots_drawn_and_both_keep_their_order(self):
+        reply, out = self.run_cell('(x+1)^2/(y-3); plot(x^2, x = -1..1); print("after"); '
+                                   'Matrix(2, 2, [[1, 2], [3, 4]]);')
+        self.assertEqual(reply["status"], "ok")
+        kinds = [(m["msg_type"], sorted(m["content"].get("data", {"stream": 1}))) for m in out]
+        self.assertEqual(kinds, [("display_data", ["text/latex", "text/plain"]),
+                                 ("display_data", ["image/svg+xml", "text/plain"]),
+                                 ("stream", ["stream"]),
+                                 ("execute_result", ["text/latex", "text/plain"])])
+        self.assertEqual(out[0]["content"]["data"]["text/latex"],
+                         "$\\displaystyle \\frac{\\left(x+1\\right)^{2}}{y-3}$")
+        self.assertEqual(out[0]["content"]["data"]["text/plain"], "(x+1)^2/(y-3)")
+        self.assertIn("\\begin{pmatrix}1 & 2 \\\\ 3 & 4\\end{pmatrix}", out[3]["content"]["data"]["text/latex"])
+        svg = ElementTree.fromstring(out[1]["content"]["data"]["image/svg+xml"])
+        axes = [e for e in svg.iter(SVG + "rect") if e.get("class") == "axes"][0]
+        left, top = float(axes.get("x")), float(axes.get("y"))
+        right, bottom = left + float(axes.get("width")), top + float(axes.get("height"))
+        lines = list(svg.iter(SVG + "polyline"))
+        self.assertEqual(len(lines), 1)
+        points = [tuple(map(float, p.split(","))) for p in lines[0].get("points").split()]
+        self.assertGreater(len(points), 100)
+        for x, y in points:
+            self.assertTrue(left <= x <= right and top <= y <= bottom, (x, y))
+        # x^2 on -1..1: highest at both ends, lowest in the middle (y grows downwards).
+        ys = [y for _, y in points]
+        self.assertEqual(min(ys), ys[0])
+        self.assertAlmostEqual(max(ys), ys[len(ys) // 2], delta=0.5)
+
+    def test_display_plain_turns_typesetting_off_and_latex_on(self):
+        try:
+            reply, out = self.run_cell("%display plain\nx^2;")
+            self.assertEqual(reply["status"], "ok")
+            self.assertEqual(list(out[-1]["content"]["data"]), ["text/plain"])
+            self.assertEqual(list(self.run_cell("y^2;")[1][-1]["content"]["data"]), ["text/plain"])
+            # A plot is no typesetting: it still shows.
+            out = self.run_cell("plot([x, x^3], x = 0..1);")[1]
+            svg = ElementTree.fromstring(out[0]["content"]["data"]["image/svg+xml"])
+            self.assertEqual(len(list(svg.iter(SVG + "polyline"))), 2)
+            legend = [g for g in svg.iter(SVG + "g") if g.get("class") == "legend"][0]
+            self.assertEqual([t.text for t in legend.iter(SVG + "text")], ["x", "x^3"])
+        finally:
+            self.run_cell("%display latex")
+        self.assertIn("text/latex", self.run_cell("x^2;")[1][-1]["content"]["data"])
+        reply, _ = self.run_cell("%display fancy")
+        self.assertEqual(reply["status"], "error")
+
+    def test_an_error_is_red_and_a_bad_plot_is_the_kernels_error(self):
+        reply, out = self.run_cell("plot(x, x = 1..0);")
+        self.assertEqual(reply["status"], "error")
+        self.assertIn("the range must be", reply["evalue"])
+        self.assertTrue(reply["traceback"][0].startswith("\x1b[0;31mError, "), reply["traceback"])
+
+    def test_help_pages_come_as_html_too(self):
+        reply, out = self.run_cell("?print")
+        html = out[-1]["content"]["data"]["text/html"]
+        self.assertIn("<h4>Usage</h4>", html)
+        self.assertIn("<h4>See Also</h4>", html)
+        self.assertIn("c.set_text('?lprint')", html.replace("&#39;", "'"))
+        self.assertIn("See Also", out[-1]["content"]["data"]["text/plain"])
+        self.kc.inspect("print", 5)
+        reply = self.kc.get_shell_msg(timeout=TIMEOUT)["content"]
+        self.assertIn("<h4>Usage</h4>", reply["data"]["text/html"])
 
     def test_completion_counts_code_points(self):
         code = '"\U0001d11e" + pri'

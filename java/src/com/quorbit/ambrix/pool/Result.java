@@ -11,6 +11,19 @@ import java.time.Duration;
  *                where it has no Java form
  * @param output  the lines the kernel printed during the task
  * @param elapsed how long the kernel took
+ * @param plots   the plots the task made, each a standalone SVG document, in order
  */
-public record Result(String text, Object value, java.util.List<String> output, Duration elapsed) {
+public record Result(String text, Object value, java.util.List<String> output, Duration elapsed,
+        java.util.List<String> plots) {
+    /**
+     * A result without plots.
+     *
+     * @param text    the value as the shell prints it
+     * @param value   the value converted to Java, or null
+     * @param output  the lines the kernel printed
+     * @param elapsed how long the kernel took
+     */
+    public Result(String text, Object value, java.util.List<String> output, Duration elapsed) {
+        this(text, value, output, elapsed, java.util.List.of());
+    }
 }

@@ -46,7 +46,8 @@ final class Task {
                 Object value = values.value();
                 java.util.List<String> output = values.strings();
                 Duration elapsed = Duration.ofNanos(values.number());
-                future.complete(kind == Wire.CALL ? value : new Result(text, value, output, elapsed));
+                java.util.List<String> plots = values.strings();
+                future.complete(kind == Wire.CALL ? value : new Result(text, value, output, elapsed, plots));
             }
             case Wire.ERROR -> {
                 VexelException failure = new VexelException(values.string());

@@ -40,7 +40,7 @@ final class Wire {
     static final byte HELP = 7;       // topic, section, width
     // Worker to pool:
     static final byte READY = 20;     // (nothing)
-    static final byte RESULT = 21;    // text, value, output lines, elapsed nanoseconds
+    static final byte RESULT = 21;    // text, value, output lines, elapsed nanoseconds, plots
     static final byte ERROR = 22;     // message, output lines
     static final byte DONE = 23;      // (nothing)
 

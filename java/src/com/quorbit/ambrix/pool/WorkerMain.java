@@ -48,6 +48,17 @@ public final class WorkerMain {
     /** Collects what the kernel prints during a task; errors become exceptions. */
     private static final class Capture extends EngineCallBacksDefault {
         final java.util.List<String> lines = new ArrayList<>();
+        /** The plots of the task, SVG documents from the kernel's stream "plot". */
+        final java.util.List<String> plots = new ArrayList<>();
+
+        @Override
+        public String streamCallBack(Object data, String name, String[] args) {
+            if (name.equals("plot") && args != null && args.length == 1) {
+                plots.add(args[0]);
+                return "";
+            }
+            return super.streamCallBack(data, name, args);
+        }
 
         @Override
         public void textCallBack(Object data, int tag, String output) {
@@ -229,6 +240,7 @@ public final class WorkerMain {
     private void run(long id, Task task) {
         Wire.Writer reply;
         capture.lines.clear();
+        capture.plots.clear();
         try {
             reply = task.run(id);
         } catch (RuntimeException e) {
@@ -301,9 +313,10 @@ public final class WorkerMain {
         return answer(id, interruptible(id, () -> engine.getHelpText(topic, section, width)), null, capture.lines, 0);
     }
 
-    /** A task's answer: its text, its value, the lines printed meanwhile and the time it took. */
-    private static Wire.Writer answer(long id, String text, Object value, java.util.List<String> lines, long elapsed) {
-        return new Wire.Writer(Wire.RESULT, id).string(text).value(value).strings(lines).number(elapsed);
+    /** A task's answer: its text, its value, the lines printed meanwhile, the time it took and its plots. */
+    private Wire.Writer answer(long id, String text, Object value, java.util.List<String> lines, long elapsed) {
+        return new Wire.Writer(Wire.RESULT, id).string(text).value(value).strings(lines).number(elapsed)
+                .strings(capture.plots);
     }
 
     /** True when the statement's last terminator is ";" (or there is none), as the kernel prints it. */

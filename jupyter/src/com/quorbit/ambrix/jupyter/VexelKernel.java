@@ -49,6 +49,12 @@ public final class VexelKernel {
     private int executionCount;
     /** Executed cells: line number, input, output text. */
     private final List<HistoryEntry> history = new ArrayList<>();
+    /** Whether shown values go out as text/latex too; "%display plain" turns it off. */
+    private boolean typeset = true;
+    /** Rectangular tables with more entries than this stay plain. */
+    static final int TYPESET_MAX_ENTRIES = 400;
+    /** Red, as a terminal shows it, for the lines of an error's traceback. */
+    private static final String RED = "\u001b[0;31m", PLAIN = "\u001b[0m";
     /** Set by an interrupt; the running cell runs no further statement. */
     private volatile boolean interrupted;
     private volatile boolean running = true;
@@ -293,18 +299,32 @@ public final class VexelKernel {
         abort(queued);
     }
 
-    /** One step of a cell: a statement, or a help line ("?name") as the shell reads it, with its level. */
-    private record Step(String text, int helpLevel) {
+    /**
+     * One step of a cell: a statement, a help line ("?name") as the shell
+     * reads it, with its level, or a line of the notebook's own ("%display
+     * plain"), which never reaches the kernel.
+     */
+    private record Step(String text, int helpLevel, boolean magic) {
+        Step(String text, int helpLevel) {
+            this(text, helpLevel, false);
+        }
+
         boolean help() {
             return helpLevel > 0;
         }
     }
+
+    private static final Pattern MAGIC = Pattern.compile("\\s*%\\S.*");
 
     /** The cell's steps, as the shell reads its lines. */
     private static List<Step> steps(String code) {
         StatementScanner scanner = new StatementScanner();
         List<Step> steps = new ArrayList<>();
         for (String line : code.split("\n", -1)) {
+            if (scanner.isEmpty() && MAGIC.matcher(line).matches()) {
+                steps.add(new Step(line.strip(), 0, true));
+                continue;
+            }
             StatementScanner.HelpLine help = scanner.isEmpty() ? StatementScanner.helpLine(line) : null;
             if (help != null) {
                 steps.add(new Step(help.topic(), help.level()));
@@ -330,19 +350,33 @@ public final class VexelKernel {
                 if (interrupted) {
                     throw new VexelException("computation interrupted");
                 }
-                String shown = step.help() ? helpOrError(step.text(), step.helpLevel()) : evaluate(step.text());
-                if (!shown.isEmpty() && !silent) {
-                    show(shown, !step.help() && i == steps.size() - 1, count, m);
+                boolean last = i == steps.size() - 1;
+                if (step.magic()) {
+                    magic(step.text());
+                } else if (step.help()) {
+                    String text = helpOrError(step.text(), step.helpLevel());
+                    if (!silent) {
+                        show(step.text().isEmpty() ? plainData(text) : helpData(text), false, count, m);
+                    }
+                } else {
+                    Algebraic value = evaluate(step.text());
+                    if (value != null && !silent) {
+                        show(valueData(value), last, count, m);
+                    }
                 }
             } catch (VexelException e) {
                 JsonObject error = new JsonObject();
                 error.addProperty("ename", "Error");
                 error.addProperty("evalue", String.valueOf(e.getMessage()));
                 JsonArray traceback = new JsonArray();
-                traceback.add("Error, " + e.getMessage());
+                traceback.add(RED + "Error, " + e.getMessage() + PLAIN);
                 // A parse error points into the statement as the user wrote it: its line, and a caret.
-                if (!step.help()) {
-                    StatementScanner.caretLines(step.text(), output.errorOffset).forEach(traceback::add);
+                if (!step.help() && !step.magic()) {
+                    List<String> caret = StatementScanner.caretLines(step.text(), output.errorOffset);
+                    if (!caret.isEmpty()) {
+                        traceback.add(caret.get(0));
+                        traceback.add(RED + caret.get(1) + PLAIN);
+                    }
                 }
                 error.add("traceback", traceback);
                 return error;
@@ -352,11 +386,11 @@ public final class VexelKernel {
     }
 
     /**
-     * Evaluates one statement silently: its value, as the kernel prints it,
-     * is shown here, apart from what the kernel prints itself. Empty for a
-     * statement ending in ":" and for one with no value.
+     * Evaluates one statement silently: its value is shown here, apart from
+     * what the kernel prints itself. Null for a statement ending in ":" and
+     * for one with no value.
      */
-    private String evaluate(String text) {
+    private Algebraic evaluate(String text) {
         boolean shows = !text.endsWith(":");
         String silentText = text.endsWith(";") || text.endsWith(":") ? text.substring(0, text.length() - 1) + ":"
                 : text + ":";
@@ -374,9 +408,66 @@ public final class VexelKernel {
             throw e;
         }
         if (value == null || !shows || value.isStop()) {
-            return "";
+            return null;
         }
-        return value.toString();
+        return value.toString().isEmpty() ? null : value;
+    }
+
+    /** "%display plain" and "%display latex": whether values are typeset. */
+    private void magic(String line) {
+        String[] words = line.substring(1).strip().split("\\s+");
+        if (words.length == 2 && words[0].equals("display") && (words[1].equals("plain") || words[1].equals("latex"))) {
+            typeset = words[1].equals("latex");
+            return;
+        }
+        throw new VexelException("unknown notebook command " + line + "; %display plain and %display latex are known");
+    }
+
+    /**
+     * A value's display data: its printed form, and its LaTeX when values are
+     * typeset and the kernel gives it. A kernel without latex, or one that
+     * fails on the value, leaves the text alone.
+     */
+    private JsonObject valueData(Algebraic value) {
+        JsonObject data = new JsonObject();
+        data.addProperty("text/plain", value.toString());
+        if (!typeset || tooLargeToTypeset(value)) {
+            return data;
+        }
+        for (int attempt = 0; attempt < 2; attempt++) {
+            try {
+                if (latexOf(value) instanceof String latex && !latex.isEmpty()) {
+                    data.addProperty("text/latex", "$\\displaystyle " + latex + "$");
+                }
+                break;
+            } catch (VexelException e) {
+                // A restart statement disposed the procedure: made again once; otherwise plain text alone.
+                latexProcedure = null;
+            }
+        }
+        return data;
+    }
+
+    /**
+     * The procedure that asks the kernel for a value's LaTeX: held here, never
+     * assigned to a name, so the user's names stay as they are.
+     */
+    private com.quorbit.ambrix.Procedure latexProcedure;
+
+    private Object latexOf(Algebraic value) {
+        if (latexProcedure == null) {
+            latexProcedure = (com.quorbit.ambrix.Procedure) engine.evaluate("proc(e) latex(e) end proc:");
+        }
+        Algebraic latex = latexProcedure.execute(new Algebraic[] {value});
+        return latex == null ? null : latex.toJava();
+    }
+
+    private static boolean tooLargeToTypeset(Algebraic value) {
+        try {
+            return value instanceof com.quorbit.ambrix.RTable t && t.numElements() > TYPESET_MAX_ENTRIES;
+        } catch (VexelException e) {
+            return true;
+        }
     }
 
     /** A help line's text: levels 1, 2, 3 are all sections, usage, examples; no topic gives an overview. */
@@ -396,6 +487,55 @@ public final class VexelKernel {
         return text;
     }
 
+    private static JsonObject plainData(String text) {
+        JsonObject data = new JsonObject();
+        data.addProperty("text/plain", text);
+        return data;
+    }
+
+    /**
+     * A help page as display data: the plain text for consoles, and HTML for
+     * notebooks, with the page's sections as headings and its "See Also"
+     * entries as links that run ?entry.
+     */
+    static JsonObject helpData(String text) {
+        JsonObject data = plainData(text);
+        StringBuilder html = new StringBuilder("<div class=\"vexel-help\">");
+        for (String block : text.strip().split("\n\\s*\n")) {
+            String[] lines = block.split("\n", 2);
+            String heading = lines[0].strip();
+            String body = lines.length > 1 ? lines[1].strip() : "";
+            html.append("<h4>").append(html(heading)).append("</h4>");
+            if (heading.equals("See Also")) {
+                html.append("<p>");
+                String[] entries = body.split("[,\\s]+");
+                for (int i = 0; i < entries.length; i++) {
+                    if (entries[i].isEmpty()) {
+                        continue;
+                    }
+                    String run = "?" + entries[i];
+                    html.append(i > 0 ? ", " : "").append("<a href=\"#\" title=\"run ").append(html(run))
+                            .append("\" onclick=\"var nb = window.Jupyter && Jupyter.notebook; if (nb) {"
+                                    + " var c = nb.insert_cell_below('code'); c.set_text('").append(html(run))
+                            .append("'); c.execute(); } return false;\"><code>").append(html(entries[i]))
+                            .append("</code></a>");
+                }
+                html.append("</p>");
+            } else if (heading.equals("Description")) {
+                html.append("<p>").append(html(body).replace("\n", " ")).append("</p>");
+            } else {
+                html.append("<pre>").append(html(body)).append("</pre>");
+            }
+        }
+        data.addProperty("text/html", html.append("</div>").toString());
+        return data;
+    }
+
+    private static String html(String s) {
+        return s.replace("&", "&amp;").replace("<", "&lt;").replace(">", "&gt;").replace("\"", "&quot;")
+                .replace("'", "&#39;");
+    }
+
     private static final String OVERVIEW = String.join("\n",
             "Statements end with ';' (the value is shown) or ':' (silent), and may span lines.",
             "  ?topic     help on a topic, for example ?print",
@@ -403,9 +543,8 @@ public final class VexelKernel {
             "  Tab        completes names; Shift-Tab shows help on the name at the cursor");
 
     /** A value shown: display data, or the cell's result when it is its last step. */
-    private void show(String shown, boolean last, int count, Channels.Message m) {
-        JsonObject data = new JsonObject();
-        data.addProperty("text/plain", shown);
+    private void show(JsonObject data, boolean last, int count, Channels.Message m) {
+        String shown = data.get("text/plain").getAsString();
         JsonObject c = new JsonObject();
         c.add("data", data);
         c.add("metadata", new JsonObject());
@@ -526,8 +665,19 @@ public final class VexelKernel {
             return false;
         }
 
+        /** A plot goes out as an SVG picture, in order with the cell's other outputs. */
         @Override
         public String streamCallBack(Object data, String name, String[] args) {
+            Channels.Message m = current;
+            if (name.equals("plot") && args != null && args.length == 1 && m != null && !silent) {
+                JsonObject picture = new JsonObject();
+                picture.addProperty("image/svg+xml", args[0]);
+                picture.addProperty("text/plain", "<plot>");
+                JsonObject c = new JsonObject();
+                c.add("data", picture);
+                c.add("metadata", new JsonObject());
+                publish("display_data", c, m);
+            }
             return "";
         }
 
@@ -619,13 +769,9 @@ public final class VexelKernel {
         }
         JsonObject c = ok();
         c.add("metadata", new JsonObject());
-        JsonObject data = new JsonObject();
         String help = help(topic, Engine.VEXEL_HELP_ALL);
         c.addProperty("found", help != null);
-        if (help != null) {
-            data.addProperty("text/plain", help);
-        }
-        c.add("data", data);
+        c.add("data", help != null ? helpData(help) : new JsonObject());
         return c;
     }
 

@@ -4,6 +4,7 @@ import com.quorbit.ambrix.EngineCallBacksDefault;
 import com.quorbit.externalcall.VexelException;
 import java.io.FileNotFoundException;
 import java.io.FileOutputStream;
+import java.io.IOException;
 import java.io.PrintStream;
 
 /**
@@ -46,6 +47,34 @@ final class ShellCallBacks extends EngineCallBacksDefault {
         statement = text;
         fileName = file;
         statementLine = line;
+    }
+
+    /** The plots written so far; the next takes the first free number after them. */
+    private int plots;
+
+    /**
+     * Writes a plot to vexel-plot-N.svg in the working folder, N the first
+     * number whose file does not exist yet; its name, for the user.
+     */
+    String plotFile(String svg) {
+        while (true) {
+            java.nio.file.Path file = java.nio.file.Path.of("vexel-plot-" + ++plots + ".svg");
+            try {
+                java.nio.file.Files.writeString(file, svg, java.nio.charset.StandardCharsets.ISO_8859_1,
+                        java.nio.file.StandardOpenOption.CREATE_NEW, java.nio.file.StandardOpenOption.WRITE);
+                return file.toString();
+            } catch (java.nio.file.FileAlreadyExistsException e) {
+                // taken: the next number
+            } catch (IOException e) {
+                throw new VexelException("cannot write the plot to %1: %2", file.toString(), String.valueOf(e));
+            }
+        }
+    }
+
+    /** Prints a line where the kernel's text goes. */
+    void out(String line) {
+        sink.println(line);
+        sink.flush();
     }
 
     /** Counts a statement that failed without a kernel error (its kernel process ended). */
@@ -166,6 +195,12 @@ final class ShellCallBacks extends EngineCallBacksDefault {
                 String value = System.getenv(a[0]);
                 return value == null ? "" : value;
             }
+            case "plot":
+                if (a.length != 1) {
+                    throw new VexelException("plot expects 1 argument, got %1", a.length);
+                }
+                out(plotFile(a[0]));
+                return "";
             default:
                 throw new VexelException("unknown stream %1", name);
         }

@@ -185,6 +185,7 @@ public final class VexelShell {
         try {
             Result r = session.evaluate(text);
             r.output().forEach(out::println);
+            r.plots().forEach(svg -> callbacks.out(callbacks.plotFile(svg)));
             if (!r.text().isEmpty()) {
                 out.println(r.text());
             }
