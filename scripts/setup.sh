@@ -7,7 +7,7 @@ packages=(g++ cmake make file libgmp-dev libgtest-dev openjdk-17-jdk-headless ju
 if [[ ${1-} == --tests ]]; then
   packages+=(python3-jupyter-kernel-test python3-jupyter-client jupyter-client jupyter-nbconvert python3-nbclient
              maven libmaven-compiler-plugin-java libmaven-resources-plugin-java libmaven-jar-plugin-java
-             libsurefire-java unzip)
+             libsurefire-java unzip libxml2-utils)
 fi
 missing=()
 for p in "${packages[@]}"; do

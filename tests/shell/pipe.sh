@@ -56,6 +56,16 @@ LD_PRELOAD=$sanitizer_preload "$vexel" --version >"$work/out" 2>&1
 grep -q '^ambrix [0-9]' "$work/out" && grep -q '^kernel: ' "$work/out" \
   || { echo "FAILED: --version printed:"; cat "$work/out"; exit 1; }
 
+# Plots go to vexel-plot-N.svg in the working folder, N the first free
+# number, and the shell prints each file's name; so does --isolated.
+mkdir "$work/plots"
+touch "$work/plots/vexel-plot-1.svg"
+(cd "$work/plots" && printf 'plot(x^2, x = -1..1);\nplot([x, x^3], x = 0..2);\n' | run >"$work/out" 2>&1 \
+  && printf 'plot(x, x = 0..1);\n' | run --isolated >>"$work/out" 2>&1)
+printf 'vexel-plot-2.svg\nvexel-plot-3.svg\nvexel-plot-4.svg\n' | diff -u - "$work/out"
+for n in 2 3 4; do xmllint --noout "$work/plots/vexel-plot-$n.svg"; done
+[[ ! -s $work/plots/vexel-plot-1.svg ]] || { echo "FAILED: a plot overwrote a file"; exit 1; }
+
 # SIGINT once the loop runs; the next statement is answered.
 mkfifo "$work/in"
 # (A background command of a script starts with SIGINT ignored: restore it.)

@@ -327,6 +327,11 @@ class PoolTest {
         double[] d = (double[]) pool.submit("Array(1..3, [1.5, 2.5, 3.5], datatype = float[8]);").join().value();
         assertEquals(3.5, d[2]);
         assertThrows(VexelException.class, () -> pool.call("area", new Object()));
+        Result plotted = pool.submit("plot(x, x = 0..1); plot([x, x^2], x = 0..1); 7;").join();
+        assertEquals("7", plotted.text());
+        assertEquals(2, plotted.plots().size());
+        assertTrue(plotted.plots().get(1).startsWith("<?xml") && plotted.plots().get(1).contains("class=\"legend\""));
+        assertEquals(java.util.List.of(), pool.submit("1;").join().plots());
     }
 
     @Test
