@@ -158,4 +158,5 @@ exec 5>&-
 wait "$shell" || true
 printf '"started"\nError, computation interrupted\n9\n"spinning"\nkernel process ended: killed on request; a new kernel was started (definitions are lost)\n42\n' \
   | diff -u - <(grep -v '^#' "$work/out3")
+SHELL_PRELOAD=$sanitizer_preload /usr/bin/python3 "$here/complete.py" "$vexel"
 echo "ok: $vexel"

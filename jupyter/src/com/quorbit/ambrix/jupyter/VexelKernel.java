@@ -742,11 +742,9 @@ public final class VexelKernel {
     /** The names the kernel knows (built-in and assigned) that start with the prefix, a name's start. */
     private List<String> knownNames(String prefix) {
         List<String> names = new ArrayList<>();
-        if (!prefix.chars().allMatch(ch -> ch < 128 && NAME_CHAR.matcher(String.valueOf((char) ch)).matches())) {
-            return names;
-        }
+        String query = StatementScanner.knownNamesQuery(prefix);
         try {
-            Algebraic list = engine.evaluate("knownnames(\"" + prefix + "\"):");
+            Algebraic list = query == null ? null : engine.evaluate(query);
             if (list != null && list.toJava() instanceof List<?> l) {
                 for (Object o : l) {
                     names.add(String.valueOf(o));

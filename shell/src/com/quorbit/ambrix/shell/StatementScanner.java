@@ -55,6 +55,26 @@ public final class StatementScanner {
         return java.util.List.of(statement.substring(from, to < 0 ? statement.length() : to), caret.append('^').toString());
     }
 
+    /**
+     * The statement that asks the kernel for the names it knows (its
+     * built-ins and the names assigned so far) that start with the prefix,
+     * as a list of strings; null when the prefix cannot start a name, so that
+     * nothing but name characters ever becomes statement text.
+     */
+    public static String knownNamesQuery(String prefix) {
+        for (int i = 0; i < prefix.length(); i++) {
+            if (!isNameChar(prefix.charAt(i))) {
+                return null;
+            }
+        }
+        return "knownnames(\"" + prefix + "\"):";
+    }
+
+    /** A character of a name: an ASCII letter, digit or underscore. */
+    public static boolean isNameChar(char c) {
+        return c < 128 && (Character.isLetterOrDigit(c) || c == '_');
+    }
+
     /** Whether a piece of code is ready to run. */
     public enum Completeness {
         /** Every statement in it is ended (or it holds none). */

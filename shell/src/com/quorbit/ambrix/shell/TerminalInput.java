@@ -2,6 +2,9 @@ package com.quorbit.ambrix.shell;
 
 import java.io.IOException;
 import java.nio.file.Path;
+import java.util.List;
+import java.util.function.Function;
+import org.jline.reader.Candidate;
 import org.jline.reader.EndOfFileException;
 import org.jline.reader.LineReader;
 import org.jline.reader.LineReaderBuilder;
@@ -26,21 +29,41 @@ final class TerminalInput implements LineInput {
     /** Lines the kernel asks for, not kept. */
     private final LineReader answers;
 
-    private TerminalInput(Terminal terminal, Path history) {
+    private TerminalInput(Terminal terminal, Path history, Function<String, List<String>> names) {
         this.terminal = terminal;
-        this.statements = reader(terminal, history);
-        this.answers = reader(terminal, null);
+        this.statements = reader(terminal, history, names);
+        this.answers = reader(terminal, null, null);
     }
 
-    private static LineReader reader(Terminal terminal, Path history) {
+    /**
+     * Words end at anything that is no name character, so that Tab completes
+     * the name under the cursor in "f(pri" as in "pri".
+     */
+    private static final class NameParser extends DefaultParser {
+        @Override
+        public boolean isDelimiterChar(CharSequence buffer, int pos) {
+            return !StatementScanner.isNameChar(buffer.charAt(pos));
+        }
+    }
+
+    private static LineReader reader(Terminal terminal, Path history, Function<String, List<String>> names) {
         // A quote or a backslash never holds the line open: the statement
         // scanner decides where a statement ends.
-        DefaultParser parser = new DefaultParser();
+        DefaultParser parser = new NameParser();
         parser.setEofOnUnclosedQuote(false);
         parser.setEofOnEscapedNewLine(false);
         LineReaderBuilder builder = LineReaderBuilder.builder().terminal(terminal).appName("vexel").parser(parser);
         if (history != null) {
             builder.variable(LineReader.HISTORY_FILE, history);
+        }
+        if (names != null) {
+            // Tab: the names the kernel knows that start with the word at the cursor.
+            builder.completer((reader, line, candidates) -> {
+                String word = line.word().substring(0, line.wordCursor());
+                for (String name : names.apply(word)) {
+                    candidates.add(new Candidate(name, name, null, null, null, null, false));
+                }
+            });
         }
         LineReader reader = builder.build();
         // "!" belongs to the statement, not to the history.
@@ -52,16 +75,17 @@ final class TerminalInput implements LineInput {
      * Opens the process's terminal.
      *
      * @param onInterrupt runs on each Ctrl-C that arrives while no line is being read
+     * @param names       the names to complete a prefix with
      * @throws IOException when the terminal cannot be opened
      */
-    static TerminalInput open(Runnable onInterrupt) throws IOException {
+    static TerminalInput open(Runnable onInterrupt, Function<String, List<String>> names) throws IOException {
         Terminal terminal = TerminalBuilder.builder().system(true).nativeSignals(true).build();
         terminal.handle(Terminal.Signal.INT, signal -> onInterrupt.run());
         String home = System.getenv("HOME");
         if (home == null || home.isEmpty()) {
             home = System.getProperty("user.home");
         }
-        return new TerminalInput(terminal, Path.of(home, HISTORY_FILE));
+        return new TerminalInput(terminal, Path.of(home, HISTORY_FILE), names);
     }
 
     @Override

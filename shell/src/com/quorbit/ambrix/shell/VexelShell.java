@@ -198,10 +198,31 @@ public final class VexelShell {
         }
     }
 
+    /**
+     * The names the kernel knows that start with the prefix, for Tab: the
+     * same list the notebook completes from. None while a statement runs.
+     */
+    private java.util.List<String> knownNames(String prefix) {
+        String query = StatementScanner.knownNamesQuery(prefix);
+        if (query == null) {
+            return java.util.List.of();
+        }
+        try {
+            Algebraic here = session != null || engine == null ? null : engine.evaluate(query);
+            Object names = session != null ? session.evaluate(query).value() : here == null ? null : here.toJava();
+            if (names instanceof java.util.List<?> list) {
+                return list.stream().map(String::valueOf).toList();
+            }
+        } catch (VexelException e) {
+            // no names
+        }
+        return java.util.List.of();
+    }
+
     /** The terminal with line editing, or null (with a note) when JLine cannot open it. */
     private LineInput openTerminal() {
         try {
-            return TerminalInput.open(interrupts::signalled);
+            return TerminalInput.open(interrupts::signalled, this::knownNames);
         } catch (IOException | LinkageError e) {
             System.err.println("vexel: no line editing (" + e + ")");
             return null;
