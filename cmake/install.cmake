@@ -30,6 +30,11 @@ install(FILES ${PROJECT_SOURCE_DIR}/README.md DESTINATION share/doc/ambrix)
 install(CODE "execute_process(COMMAND ${PROJECT_SOURCE_DIR}/jupyter/kernelspec.sh
     \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/share/jupyter/kernels/vexel\"
     \"\${CMAKE_INSTALL_PREFIX}/bin/vexel\" COMMAND_ERROR_IS_FATAL ANY)")
+# The Pygments lexer (jupyter console, nbconvert) where Debian's Python finds
+# its packages: under /usr, lib/python3/dist-packages.
+install(CODE "execute_process(COMMAND ${PROJECT_SOURCE_DIR}/jupyter/pygments.sh
+    \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/lib/python3/dist-packages\" ${PROJECT_VERSION}
+    COMMAND_ERROR_IS_FATAL ANY)")
 
 set(CPACK_PACKAGE_NAME ambrix)
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})

@@ -1,8 +1,10 @@
 #!/bin/sh
 # Writes the Vexel kernelspec: kernel.json in FOLDER, whose kernel is
-# started by LAUNCHER --jupyter-kernel {connection_file}.
+# started by LAUNCHER --jupyter-kernel {connection_file}, and kernel.js,
+# the notebook's syntax highlighting (a CodeMirror mode).
 #   kernelspec.sh FOLDER LAUNCHER
 set -e
+here=$(cd "$(dirname "$0")" && pwd)
 mkdir -p "$1"
 cat >"$1/kernel.json" <<JSON
 {
@@ -12,3 +14,4 @@ cat >"$1/kernel.json" <<JSON
   "interrupt_mode": "message"
 }
 JSON
+cp "$here/kernelspec/kernel.js" "$1/kernel.js"

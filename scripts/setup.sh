@@ -9,6 +9,10 @@ if [[ ${1-} == --tests ]]; then
              maven libmaven-compiler-plugin-java libmaven-resources-plugin-java libmaven-jar-plugin-java
              libsurefire-java unzip libxml2-utils)
 fi
+# The notebook's syntax highlighting is tested under Node: any node on the PATH will do.
+if [[ ${1-} == --tests ]] && ! command -v node >/dev/null; then
+  packages+=(nodejs)
+fi
 missing=()
 for p in "${packages[@]}"; do
   dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")

@@ -18,7 +18,9 @@ maven=share/maven-repo/com/quorbit/ambrix
 for f in lib/libambrix.so lib/libvexelc.so share/java/ambrix.jar share/java/vexelshell.jar \
          share/java/vexeljupyter.jar bin/vexel share/jupyter/kernels/vexel/kernel.json share/doc/ambrix/README.md \
          $maven/$version/ambrix-$version.jar $maven/$version/ambrix-$version.pom \
-         $maven/debian/ambrix-debian.jar $maven/debian/ambrix-debian.pom; do
+         $maven/debian/ambrix-debian.jar $maven/debian/ambrix-debian.pom share/jupyter/kernels/vexel/kernel.js \
+         lib/python3/dist-packages/vexel_pygments/__init__.py \
+         lib/python3/dist-packages/vexel_pygments-$version.dist-info/entry_points.txt; do
   [[ -e $work/moved/$f ]] || { echo "not installed: $f"; exit 1; }
 done
 
@@ -36,6 +38,8 @@ grep -q "^./usr/$maven/maven-metadata-local.xml " "$work/files"
 grep -qF "./usr/$maven/debian/ambrix-debian.jar -> ../$version/ambrix-$version.jar" "$work/files" \
   || { echo "the package lacks Debian's version link"; grep maven-repo "$work/files"; exit 1; }
 grep -q "^./usr/$maven/debian/ambrix-debian.pom " "$work/files"
+grep -q "^./usr/share/jupyter/kernels/vexel/kernel.js " "$work/files"
+grep -q "^./usr/lib/python3/dist-packages/vexel_pygments/__init__.py " "$work/files"
 dpkg-deb -x "$deb" "$work/unpacked"
 depends=$(dpkg-deb -f "$deb" Depends)
 echo "Depends: $depends"

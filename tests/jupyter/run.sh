@@ -21,8 +21,16 @@ cat >"$JUPYTER_DATA_DIR/kernels/vexel/kernel.json" <<JSON
   "env": {"BUILD": "$build", "LD_PRELOAD": "$sanitizer_preload", "ASAN_OPTIONS": "${ASAN_OPTIONS:-}"}
 }
 JSON
+# The lexer as an installed distribution, where Python looks for it here.
+"$src/jupyter/pygments.sh" "$work/site" "$(cat "$src/VERSION")"
+export PYTHONPATH=$work/site
+node "$src/tests/jupyter/codemirror_mode.js" "$src/jupyter/kernelspec/kernel.js"
 cd "$src/tests/jupyter"
-/usr/bin/python3 -m unittest -v test_kernel test_client 2>&1 | tee "$work/unittest.log"
+/usr/bin/python3 -m unittest -v test_kernel test_client test_lexer 2>&1 | tee "$work/unittest.log"
 /usr/bin/jupyter nbconvert --to notebook --execute --ExecutePreprocessor.timeout=60 \
   --output-dir "$work" --output executed "$src/examples/vexel-tour.ipynb"
 /usr/bin/python3 "$src/tests/jupyter/check_notebook.py" "$work/executed.ipynb"
+# nbconvert highlights the cells with the lexer that language_info names.
+/usr/bin/jupyter nbconvert --to html --output-dir "$work" --output executed "$work/executed.ipynb" 2>/dev/null
+grep -q '<span class="k">proc</span>' "$work/executed.html" \
+  || { echo "FAILED: the notebook's HTML has no Vexel highlighting"; exit 1; }

@@ -223,6 +223,9 @@ public final class VexelKernel {
         language.addProperty("version", version);
         language.addProperty("mimetype", "text/x-vexel");
         language.addProperty("file_extension", ".vx");
+        // The kernelspec's kernel.js defines the CodeMirror mode; vexel_pygments the lexer.
+        language.addProperty("codemirror_mode", "vexel");
+        language.addProperty("pygments_lexer", "vexel");
         c.add("language_info", language);
         c.addProperty("banner", (version.isEmpty() ? "Vexel" : version) + " in Jupyter. A statement ends with ;"
                 + " (its value is shown) or : (silent); ?name shows help.");
