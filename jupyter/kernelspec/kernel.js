@@ -57,7 +57,14 @@ define(["codemirror/lib/codemirror"], function (CodeMirror) {
     CodeMirror.defineMIME("text/x-vexel", "vexel");
   }
 
-  // Defined at once, so that the mode exists before the notebook asks for it.
+  // Defined at once, so that the mode exists before the notebook asks for it;
+  // once loaded, the open notebook's cells take it without waiting for the kernel.
   defineVexel();
-  return { onload: defineVexel };
+  return {
+    onload: function () {
+      defineVexel();
+      var nb = typeof window !== "undefined" && window.Jupyter && window.Jupyter.notebook;
+      if (nb && nb.set_codemirror_mode) nb.set_codemirror_mode("vexel");
+    }
+  };
 });

@@ -9,6 +9,11 @@ EXPECTED = [
     [("execute_result", "13.5")],
     [("display_data", "[1, 4, 9, 16, 25, 36]"), ("execute_result", "6")],
     [("display_data", "[4, 5]"), ("stream", '"a pear costs", 4\n')],
+    [("display_data", "(x+1)^2/(y-3)", "$\\displaystyle \\frac{\\left(x+1\\right)^{2}}{y-3}$"),
+     ("execute_result", "sqrt(x^2+1)+3/4*x", "$\\displaystyle \\sqrt{x^{2}+1}+\\frac{3 x}{4}$")],
+    [("display_data", "Array(1..2, 1..3, [[1, 2, 3], [4, 5, 6]], datatype = anything)",
+      "$\\displaystyle \\begin{pmatrix}1 & 2 & 3 \\\\ 4 & 5 & 6\\end{pmatrix}$"),
+     ("display_data", "<plot>", "svg")],
     [("error", "numeric exception: division by zero")],
     [("display_data", "nops(e)")],
 ]
@@ -20,12 +25,19 @@ def text(t):
 
 
 def shown(output):
+    """An output's kind and text; with its LaTeX, or "svg" for a picture, when it has one."""
     kind = output["output_type"]
     if kind == "stream":
         return kind, text(output["text"])
     if kind == "error":
         return kind, output["evalue"]
-    return kind, text(output["data"]["text/plain"])
+    data = output["data"]
+    if "text/latex" in data:
+        return kind, text(data["text/plain"]), text(data["text/latex"])
+    if "image/svg+xml" in data:
+        assert text(data["image/svg+xml"]).startswith("<?xml"), "a plot that is no SVG document"
+        return kind, text(data["text/plain"]), "svg"
+    return kind, text(data["text/plain"])
 
 
 def main(path):
@@ -33,8 +45,10 @@ def main(path):
     cells = [c for c in notebook["cells"] if c["cell_type"] == "code"]
     assert len(cells) == len(EXPECTED), f"{len(cells)} code cells"
     for n, (cell, want) in enumerate(zip(cells, EXPECTED), 1):
-        got = [shown(o) for o in cell["outputs"]]
-        if got[-1:] and got[-1][0] == "display_data" and want[-1][0] == "display_data":
+        # An expected output without LaTeX is checked on its kind and text alone.
+        got = [shown(o)[:len(w)] if len(w) == 2 else shown(o) for o, w in zip(cell["outputs"], want)] \
+            + [shown(o) for o in cell["outputs"][len(want):]]
+        if got[-1:] and got[-1][0] == "display_data" and want[-1][0] == "display_data" and len(want[-1]) == 2:
             # help text: its first line is enough
             got[-1] = (got[-1][0], got[-1][1].split("\n")[1] if "\n" in got[-1][1] else got[-1][1])
         assert got == want, f"cell {n}: {got} != {want}"
