@@ -29,6 +29,11 @@ LD_PRELOAD=$sanitizer_preload java "${jvm_opts[@]}" \
   -Dambrix.bench.nodata="$build/lib-nodata" \
   -cp "$build/java/ambrix.jar:$build/java/bench.jar" com.quorbit.ambrix.bench.Bench "${args[@]}" 2>&1 | tee "$out"
 status=${PIPESTATUS[0]}
+# The notebook kernel, through Debian's jupyter_client (when it is installed).
+if /usr/bin/python3 -c "import jupyter_client" 2>/dev/null; then
+  KERNEL_PRELOAD=$sanitizer_preload /usr/bin/python3 "$(dirname "$0")/notebook.py" "$build" "${args[@]}" 2>&1 | tee -a "$out"
+  [[ ${PIPESTATUS[0]} == 0 ]] || status=1
+fi
 echo
 echo "-- the kernel alone (no JVM): one call of the interface"
 "$build/bench/kernel_calls" "$calls" || status=1
