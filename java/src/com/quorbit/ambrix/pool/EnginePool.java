@@ -69,11 +69,21 @@ public final class EnginePool implements AutoCloseable {
 
     private final Builder settings;
     private final java.util.List<String> command;
-    /** The folder of the workers' sockets, which only this user can open. */
+    /** The folder of local workers' sockets, which only this user can open; null for remote workers. */
     private final Path socketFolder;
-    private final AtomicLong sockets = new AtomicLong();
-    private final Path errorFile;
+    /** Where workers connect: that folder, or a TCP listener. */
+    private final Transport transport;
+    /** Heartbeats in both directions, for workers over TCP; null for local ones. */
+    private final Heartbeats heartbeats;
     private final ScheduledExecutorService timer;
+    /** The threads that wait for remote workers to connect, however long they queue. */
+    private final java.util.concurrent.ExecutorService starters = Executors.newCachedThreadPool(r -> {
+        Thread t = new Thread(r, "ambrix-pool-start");
+        t.setDaemon(true);
+        return t;
+    });
+    /** The worker slots, each with its current launch. Guarded by lock. */
+    private final Slot[] slots;
     private final AtomicLong ids = new AtomicLong();
     private final Object lock = new Object();
     /** Guarded by lock. */
@@ -84,11 +94,46 @@ public final class EnginePool implements AutoCloseable {
     private boolean closed;
     private boolean warnedAboutSessions;
 
+    /**
+     * One worker slot: its launch now, the worker once connected, and how
+     * many launches in a row ended before they were ready.
+     */
+    private static final class Slot {
+        final int index;
+        Launcher.Launched launched;
+        Worker worker;
+        int failures;
+        /** Set when the slot gave up after failed launches; the reason of the last. */
+        String gaveUp;
+
+        Slot(int index) {
+            this.index = index;
+        }
+    }
+
+    /** Launches in a row that may end before they are ready, before a slot gives up. */
+    static final int FAILED_LAUNCHES = 3;
+
     private EnginePool(Builder b) {
         settings = b;
-        errorFile = Path.of(System.getProperty("java.io.tmpdir"), "ambrix-worker-%p.log");
-        command = command(b, errorFile);
-        socketFolder = SocketFolders.make();
+        command = command(b);
+        slots = new Slot[b.workers];
+        for (int i = 0; i < slots.length; i++) {
+            slots[i] = new Slot(i);
+        }
+        if (b.launcher.remote()) {
+            socketFolder = null;
+            try {
+                transport = Transport.tcp(b.listenAddress, Handshake.newSecret());
+            } catch (IOException e) {
+                throw new VexelException("cannot listen for workers: " + e.getMessage());
+            }
+            heartbeats = new Heartbeats(this, b.heartbeatTimeout);
+        } else {
+            socketFolder = SocketFolders.make();
+            transport = Transport.local(socketFolder);
+            heartbeats = null;
+        }
         timer = Executors.newSingleThreadScheduledExecutor(r -> {
             Thread t = new Thread(r, "ambrix-pool-timer");
             t.setDaemon(true);
@@ -115,8 +160,55 @@ public final class EnginePool implements AutoCloseable {
         private long memoryLimit;
         private java.util.List<String> javaOptions = java.util.List.of();
         private boolean resetEveryTask = true;
+        private Launcher launcher = Launcher.local();
+        private String listenAddress;
+        private Duration heartbeatTimeout = Duration.ofSeconds(10);
 
         private Builder() {
+        }
+
+        /**
+         * How workers are started (default {@link Launcher#local()}): with a
+         * launcher for a cluster, such as {@link SlurmLauncher}, they connect
+         * back over TCP, and {@link #build()} returns once they are submitted.
+         *
+         * @param launcher the launcher
+         * @return this builder
+         */
+        public Builder launcher(Launcher launcher) {
+            if (launcher == null) {
+                throw new IllegalArgumentException("launcher must not be null");
+            }
+            this.launcher = launcher;
+            return this;
+        }
+
+        /**
+         * The address that remote workers connect to, and that the pool
+         * listens on (default: this host's name, listening on every address).
+         *
+         * @param address a host name or an IP address of this machine
+         * @return this builder
+         */
+        public Builder listenAddress(String address) {
+            listenAddress = address;
+            return this;
+        }
+
+        /**
+         * How long a remote worker may stay silent before the pool takes it
+         * for lost and ends its job, and how long a worker waits for the
+         * pool's heartbeat before it ends itself (default 10 s).
+         *
+         * @param timeout at least a second
+         * @return this builder
+         */
+        public Builder heartbeatTimeout(Duration timeout) {
+            if (timeout == null || timeout.compareTo(Duration.ofSeconds(1)) < 0) {
+                throw new IllegalArgumentException("heartbeatTimeout must be at least a second");
+            }
+            heartbeatTimeout = timeout;
+            return this;
         }
 
         /**
@@ -220,10 +312,13 @@ public final class EnginePool implements AutoCloseable {
         }
 
         /**
-         * Starts the workers; returns once every one is ready.
+         * Starts the workers. With the local launcher it returns once every
+         * one is ready; with another, once every one is submitted: tasks
+         * wait in line until a worker is ready ({@link #awaitWorkers}).
          *
          * @return the pool
-         * @throws VexelException when a worker does not start, with its reason
+         * @throws VexelException when a local worker does not start, or no
+         *         remote one can be submitted, with the reason
          */
         public EnginePool build() {
             EnginePool pool = new EnginePool(this);
@@ -239,11 +334,10 @@ public final class EnginePool implements AutoCloseable {
         }
     }
 
-    private static java.util.List<String> command(Builder b, Path errorFile) {
+    private static java.util.List<String> command(Builder b) {
         java.util.List<String> c = new ArrayList<>();
-        c.add(Worker.javaCommand());
+        c.add(LocalLauncher.javaCommand());
         c.addAll(DEFAULT_JAVA_OPTIONS);
-        c.add("-XX:ErrorFile=" + errorFile);
         for (String p : FORWARDED) {
             String v = System.getProperty(p);
             if (v != null) {
@@ -284,39 +378,99 @@ public final class EnginePool implements AutoCloseable {
 
     // ---- workers ----
 
+    /**
+     * Local workers: started at once, each waited for; any that does not
+     * start fails the build. Remote workers: submitted, each then waited for
+     * on a thread of its own, however long it queues.
+     */
     private void startAll() {
-        java.util.List<CompletableFuture<Worker>> started = new ArrayList<>();
-        for (int i = 0; i < settings.workers; i++) {
-            started.add(CompletableFuture.supplyAsync(this::startWorker));
-        }
-        try {
-            for (CompletableFuture<Worker> f : started) {
-                release(f.get());
+        if (settings.launcher.remote()) {
+            for (Slot slot : slots) {
+                launchAndWait(slot);
             }
-        } catch (ExecutionException e) {
-            close();
-            throw unwrap(e.getCause(), "a worker did not start: ");
-        } catch (InterruptedException e) {
-            close();
-            Thread.currentThread().interrupt();
-            throw new VexelException("interrupted while the workers started");
+            synchronized (lock) {
+                if (Arrays.stream(slots).allMatch(s -> s.gaveUp != null)) {
+                    String why = slots[slots.length - 1].gaveUp;
+                    closeQuietly();
+                    throw new VexelException("no worker could be started: " + why);
+                }
+            }
+        } else {
+            java.util.List<CompletableFuture<Worker>> started = new ArrayList<>();
+            for (Slot slot : slots) {
+                started.add(CompletableFuture.supplyAsync(() -> startLocal(slot), starters));
+            }
+            try {
+                for (CompletableFuture<Worker> f : started) {
+                    release(f.get());
+                }
+            } catch (ExecutionException e) {
+                closeQuietly();
+                throw unwrap(e.getCause(), "a worker did not start: ");
+            } catch (InterruptedException e) {
+                closeQuietly();
+                Thread.currentThread().interrupt();
+                throw new VexelException("interrupted while the workers started");
+            }
         }
         if (settings.memoryLimit > 0) {
             timer.scheduleAtFixedRate(this::sampleMemory, 50, 50, TimeUnit.MILLISECONDS);
         }
     }
 
-    /** Starts one worker and waits until its kernel is ready; it is not yet idle. */
-    private Worker startWorker() {
-        Worker w;
+    private void closeQuietly() {
         try {
-            w = new Worker(this, command, socketFolder.resolve("w" + sockets.incrementAndGet() + ".sock"),
-                    errorFile);
+            close();
+        } catch (RuntimeException e) {
+            // the build's own failure is what the caller sees
+        }
+    }
+
+    /** Launches a worker into the slot: its command, with where and as what to connect. */
+    private Launcher.Launched launch(Slot slot, Transport.Rendezvous rendezvous) throws IOException {
+        java.util.List<String> c = new ArrayList<>(command);
+        c.addAll(rendezvous.arguments());
+        if (heartbeats != null) {
+            c.add("--heartbeat=" + settings.heartbeatTimeout.toMillis());
+        }
+        Launcher.Launched launched = settings.launcher.launch(
+                new Launcher.Launch(c, rendezvous.environment(), settings.memoryLimit, "ambrix-worker"));
+        if (launched == null) {
+            throw new IOException("the launcher started nothing");
+        }
+        synchronized (lock) {
+            slot.launched = launched;
+        }
+        return launched;
+    }
+
+    /** Starts one local worker and waits until its kernel is ready; it is not yet idle. */
+    private Worker startLocal(Slot slot) {
+        Launcher.Launched launched;
+        Transport.Channels channels;
+        try (Transport.Rendezvous rendezvous = transport.open()) {
+            launched = launch(slot, rendezvous);
+            channels = rendezvous.await(launched, Transport.LOCAL_CONNECT_NANOS);
         } catch (IOException e) {
             throw new VexelException("cannot start a worker process: " + e.getMessage());
         }
+        return startKernel(slot, launched, channels);
+    }
+
+    /** A connected worker: its kernel started, waited for a minute at most. */
+    private Worker startKernel(Slot slot, Launcher.Launched launched, Transport.Channels channels) {
+        Worker w;
+        try {
+            w = new Worker(this, launched, channels, slot.index);
+        } catch (IOException e) {
+            launched.kill();
+            throw new VexelException("cannot start a worker: " + e.getMessage());
+        }
         synchronized (lock) {
-            workers.add(w);
+            slot.worker = w;
+        }
+        if (heartbeats != null) {
+            heartbeats.add(w);
         }
         Task init = task(Wire.INIT, null, false, false);
         init.frame.strings(settings.kernelArguments).strings(settings.initialize);
@@ -335,15 +489,198 @@ public final class EnginePool implements AutoCloseable {
             throw new VexelException("interrupted while a worker started");
         }
         w.ready = true;
-        LOG.log(Level.DEBUG, "worker " + w.pid() + " started in "
+        synchronized (lock) {
+            slot.failures = 0;
+            lock.notifyAll();
+        }
+        LOG.log(Level.DEBUG, "worker " + w.name() + " started in "
                 + TimeUnit.NANOSECONDS.toMillis(System.nanoTime() - w.started) + " ms");
         return w;
+    }
+
+    /**
+     * Submits a remote worker for the slot, then waits for it on a starter
+     * thread. A launch that fails, or ends before its worker is ready, is
+     * made again, until {@value #FAILED_LAUNCHES} in a row have: then the
+     * slot gives up.
+     */
+    private void launchAndWait(Slot slot) {
+        Transport.Rendezvous rendezvous;
+        Launcher.Launched launched;
+        try {
+            rendezvous = transport.open();
+        } catch (IOException e) {
+            launchFailed(slot, "cannot listen for a worker: " + e.getMessage());
+            return;
+        }
+        try {
+            launched = launch(slot, rendezvous);
+        } catch (IOException | RuntimeException e) {
+            closeQuietly(rendezvous);
+            launchFailed(slot, String.valueOf(e.getMessage()));
+            return;
+        }
+        try {
+            starters.execute(() -> {
+                Worker w;
+                try {
+                    Transport.Channels channels = rendezvous.await(launched, 0);
+                    w = startKernel(slot, launched, channels);
+                } catch (IOException | RuntimeException e) {
+                    launched.kill();
+                    String why = launched.ended().getNow(null);
+                    launchFailed(slot, why != null ? why : String.valueOf(e.getMessage()));
+                    return;
+                } finally {
+                    closeQuietly(rendezvous);
+                }
+                boolean late;
+                synchronized (lock) {
+                    late = closed;
+                }
+                if (late) {
+                    w.stop("pool closed", Duration.ZERO);
+                } else {
+                    release(w);
+                }
+            });
+        } catch (java.util.concurrent.RejectedExecutionException e) {
+            // closed meanwhile
+            launched.cancel();
+            closeQuietly(rendezvous);
+        }
+    }
+
+    private static void closeQuietly(java.io.Closeable c) {
+        try {
+            c.close();
+        } catch (IOException e) {
+            // closed anyway
+        }
+    }
+
+    /** A launch ended before its worker was ready: another, or the slot gives up. */
+    private void launchFailed(Slot slot, String why) {
+        boolean again;
+        java.util.List<Object> stranded = java.util.List.of();
+        synchronized (lock) {
+            slot.launched = null;
+            slot.worker = null;
+            if (closed) {
+                return;
+            }
+            slot.failures++;
+            again = slot.failures < FAILED_LAUNCHES;
+            if (!again) {
+                slot.gaveUp = why;
+                lock.notifyAll();
+                if (Arrays.stream(slots).allMatch(s -> s.gaveUp != null)) {
+                    // No worker will ever take what waits: it fails with the last reason.
+                    stranded = new ArrayList<>(waiting);
+                    waiting.clear();
+                }
+            }
+        }
+        if (again) {
+            LOG.log(Level.WARNING, "a worker ended before it was ready (" + why + "); launching another");
+            launchAndWait(slot);
+            return;
+        }
+        LOG.log(Level.ERROR, "worker slot " + slot.index + " gave up after " + FAILED_LAUNCHES
+                + " launches in a row ended before they were ready: " + why);
+        VexelException failure = new VexelException("no worker could be started: " + why);
+        for (Object request : stranded) {
+            if (request instanceof Task t) {
+                t.future.completeExceptionally(failure);
+            } else {
+                ((CompletableFuture<?>) request).completeExceptionally(failure);
+            }
+        }
+    }
+
+    /**
+     * Waits until at least n workers are ready (free or busy): remote ones
+     * may wait in their scheduler's queue first.
+     *
+     * @param n       how many
+     * @param timeout how long at most
+     * @return true when n were ready in time; false when the time passed
+     *         first, or when fewer than n ever can be
+     */
+    public boolean awaitWorkers(int n, Duration timeout) {
+        long deadline = System.nanoTime() + timeout.toNanos();
+        synchronized (lock) {
+            while (true) {
+                int ready = 0;
+                int able = 0;
+                for (Slot s : slots) {
+                    if (s.worker != null && s.worker.ready && s.worker.alive()) {
+                        ready++;
+                    }
+                    if (s.gaveUp == null) {
+                        able++;
+                    }
+                }
+                long left = deadline - System.nanoTime();
+                if (ready >= n) {
+                    return true;
+                }
+                if (closed || able < n || left <= 0) {
+                    return false;
+                }
+                try {
+                    TimeUnit.NANOSECONDS.timedWait(lock, Math.min(left, TimeUnit.MILLISECONDS.toNanos(100)));
+                } catch (InterruptedException e) {
+                    Thread.currentThread().interrupt();
+                    return false;
+                }
+            }
+        }
+    }
+
+    /**
+     * A snapshot of every worker slot: where its worker runs, its job, and
+     * what it does.
+     *
+     * @return one state per slot, in slot order
+     */
+    public java.util.List<WorkerState> workerStates() {
+        java.util.List<WorkerState> states = new ArrayList<>();
+        synchronized (lock) {
+            for (Slot s : slots) {
+                Launcher.Launched l = s.launched;
+                Worker w = s.worker;
+                WorkerState.Status status;
+                if (s.gaveUp != null) {
+                    status = WorkerState.Status.LOST;
+                } else if (w != null && w.ready && w.alive()) {
+                    status = idle.contains(w) ? WorkerState.Status.READY : WorkerState.Status.BUSY;
+                } else if (l != null && l.queued()) {
+                    status = WorkerState.Status.QUEUED;
+                } else {
+                    status = WorkerState.Status.STARTING;
+                }
+                states.add(new WorkerState(l == null ? null : l.host(), l == null ? null : l.job(), status));
+            }
+        }
+        return states;
+    }
+
+    /** The workers connected now. Under lock. */
+    private java.util.List<Worker> workers() {
+        java.util.List<Worker> all = new ArrayList<>();
+        for (Slot s : slots) {
+            if (s.worker != null) {
+                all.add(s.worker);
+            }
+        }
+        return all;
     }
 
     private void sampleMemory() {
         java.util.List<Worker> all;
         synchronized (lock) {
-            all = new ArrayList<>(workers);
+            all = workers();
         }
         for (Worker w : all) {
             long rss = w.residentBytes();
@@ -385,6 +722,7 @@ public final class EnginePool implements AutoCloseable {
             Object request = waiting.poll();
             if (request == null) {
                 idle.add(w);
+                lock.notifyAll();
                 return;
             }
             if (request instanceof Task t) {
@@ -404,17 +742,24 @@ public final class EnginePool implements AutoCloseable {
         }
     }
 
-    /** A worker's process ended: its task has failed; a new worker takes its place. */
+    /** A worker ended: its task has failed; a new worker takes its place. */
     void lost(Worker w, WorkerLostException e) {
+        Slot slot = slots[w.slot];
         boolean replace;
         synchronized (lock) {
-            workers.remove(w);
+            if (slot.worker == w) {
+                slot.worker = null;
+                slot.launched = null;
+            }
             idle.remove(w);
-            // A worker that never became ready is not replaced: its start failed.
+            // A worker that never became ready is not replaced here: its start failed.
             replace = !closed && w.ready;
             if (replace) {
                 starting++;
             }
+        }
+        if (heartbeats != null) {
+            heartbeats.remove(w);
         }
         Session s = w.session;
         if (s != null) {
@@ -423,10 +768,18 @@ public final class EnginePool implements AutoCloseable {
         if (!replace) {
             return;
         }
-        LOG.log(Level.WARNING, "worker " + w.pid() + " lost: " + e.getMessage());
-        CompletableFuture.supplyAsync(this::startWorker).whenComplete((fresh, failure) -> {
+        LOG.log(Level.WARNING, "worker " + w.name() + " lost: " + e.getMessage());
+        if (settings.launcher.remote()) {
+            launchAndWait(slot);
+            synchronized (lock) {
+                starting--;
+                lock.notifyAll();
+            }
+            return;
+        }
+        CompletableFuture.supplyAsync(() -> startLocal(slot), starters).whenComplete((fresh, failure) -> {
             if (fresh != null) {
-                LOG.log(Level.INFO, "worker " + fresh.pid() + " replaced worker " + w.pid());
+                LOG.log(Level.INFO, "worker " + fresh.name() + " replaced worker " + w.name());
                 boolean late;
                 synchronized (lock) {
                     late = closed;
@@ -437,7 +790,7 @@ public final class EnginePool implements AutoCloseable {
                     release(fresh);
                 }
             } else {
-                LOG.log(Level.ERROR, "worker " + w.pid() + " could not be replaced: " + failure);
+                LOG.log(Level.ERROR, "worker " + w.name() + " could not be replaced: " + failure);
             }
             synchronized (lock) {
                 starting--;
@@ -568,6 +921,7 @@ public final class EnginePool implements AutoCloseable {
      * reason for a program that seems to hang. Under lock.
      */
     private void warnIfHeldBySessions() {
+        java.util.List<Worker> workers = workers();
         if (warnedAboutSessions || starting > 0 || workers.isEmpty()) {
             return;
         }
@@ -644,7 +998,7 @@ public final class EnginePool implements AutoCloseable {
      */
     public java.util.List<Long> workerPids() {
         synchronized (lock) {
-            return workers.stream().map(Worker::pid).toList();
+            return workers().stream().map(Worker::pid).filter(pid -> pid > 0).toList();
         }
     }
 
@@ -657,12 +1011,19 @@ public final class EnginePool implements AutoCloseable {
     public void close() {
         java.util.List<Worker> all;
         java.util.List<Object> queued;
+        java.util.List<Launcher.Launched> pending = new ArrayList<>();
         synchronized (lock) {
             if (closed) {
                 return;
             }
             closed = true;
-            all = new ArrayList<>(workers);
+            all = workers();
+            // Launches with no worker yet (queued or starting): their jobs are cancelled too.
+            for (Slot slot : slots) {
+                if (slot.launched != null && slot.worker == null) {
+                    pending.add(slot.launched);
+                }
+            }
             queued = new ArrayList<>(waiting);
             waiting.clear();
             idle.clear();
@@ -675,7 +1036,19 @@ public final class EnginePool implements AutoCloseable {
                 ((CompletableFuture<?>) request).completeExceptionally(closedPool);
             }
         }
+        if (heartbeats != null) {
+            heartbeats.close();
+        }
+        transport.close();
+        for (Launcher.Launched l : pending) {
+            l.cancel();
+        }
         java.util.List<Thread> stopping = new ArrayList<>();
+        for (Launcher.Launched l : pending) {
+            Thread t = new Thread(() -> endLaunch(l), "ambrix-pool-close");
+            t.start();
+            stopping.add(t);
+        }
         for (Worker w : all) {
             Thread t = new Thread(() -> w.stop("pool closed", settings.graceTime), "ambrix-pool-close");
             t.start();
@@ -700,6 +1073,30 @@ public final class EnginePool implements AutoCloseable {
             }
         }
         timer.shutdownNow();
-        SocketFolders.remove(socketFolder);
+        starters.shutdownNow();
+        if (socketFolder != null) {
+            SocketFolders.remove(socketFolder);
+        }
+    }
+
+    /** Waits for a cancelled launch to end, the grace time at most; then kills it. */
+    private void endLaunch(Launcher.Launched l) {
+        try {
+            l.ended().get(settings.graceTime.toNanos(), TimeUnit.NANOSECONDS);
+            return;
+        } catch (TimeoutException | ExecutionException e) {
+            l.kill();
+        } catch (InterruptedException e) {
+            Thread.currentThread().interrupt();
+            l.kill();
+            return;
+        }
+        try {
+            l.ended().get(10, TimeUnit.SECONDS);
+        } catch (TimeoutException | ExecutionException e) {
+            LOG.log(Level.WARNING, "a worker did not end after it was killed");
+        } catch (InterruptedException e) {
+            Thread.currentThread().interrupt();
+        }
     }
 }

@@ -38,6 +38,8 @@ final class Wire {
     static final byte INTERRUPT = 5;  // (nothing): ends the task of that number
     static final byte ECHO = 6;       // anything: sent back as it came
     static final byte HELP = 7;       // topic, section, width
+    // Both ways, on the interrupt channel of a worker over TCP:
+    static final byte HEARTBEAT = 8;  // pool: (nothing); worker: its resident bytes
     // Worker to pool:
     static final byte READY = 20;     // (nothing)
     static final byte RESULT = 21;    // text, value, output lines, elapsed nanoseconds, plots

@@ -28,28 +28,32 @@ import java.nio.channels.ServerSocketChannel;
 import java.nio.channels.SocketChannel;
 
 /**
- * The pool's side of one worker process: its channel, the task it runs, the
- * limits on that task, and the process's end.
+ * The pool's side of one worker: its two connections, the task it runs, the
+ * limits on that task, and its end, which its launcher tells.
  *
  * <p>The channels do not block, so that an interrupted caller's thread
  * never closes them. The answers are read by whichever thread holds
  * {@code reading}: a caller waiting for its task's future when it can (see
  * {@link TaskFuture}), else the worker's reader thread, which leaves the
  * channel to such callers while they wait. Only the reader thread reports
- * the end of the process.
+ * the end of the worker.
  */
 final class Worker {
-    /** HotSpot's first report of a fatal signal, on the standard error it was told to use. */
-    private static final Pattern FATAL_SIGNAL = Pattern.compile("^#\\s+(SIG[A-Z]+) \\(0x([0-9a-fA-F]+)\\)");
-    private static final int LAST_LINES = 20;
-
     private final EnginePool pool;
-    private final Process process;
+    /** The worker as its launcher sees it: where it runs, how it ends. */
+    final Launcher.Launched launched;
+    /** The pool's slot the worker fills. */
+    final int slot;
     private final SocketChannel channel;
     private final OutputStream out;
-    /** The second connection, which carries only interrupts, so that the worker reads them while a task runs. */
-    private final SocketChannel control;
+    /** The second connection, which carries interrupts (and heartbeats), so that the worker reads them while a task runs. */
+    final SocketChannel control;
     private final OutputStream interrupts;
+    /** The heartbeats read from the control channel (remote workers). */
+    final Wire.Assembler controlFrames = new Wire.Assembler();
+    /** When the last heartbeat came, and the resident memory it reported. */
+    volatile long heard = System.nanoTime();
+    volatile long reportedBytes = -1;
     /** What has come of the next answer. Guarded by reading. */
     private final Wire.Assembler answers = new Wire.Assembler();
     private final ReentrantLock reading = new ReentrantLock();
@@ -67,12 +71,9 @@ final class Worker {
     private volatile boolean waiterSelecting;
     /** Set once the input ended, or failed: nothing more is read. */
     private volatile boolean inputEnded;
-    private final ArrayDeque<String> lastLines = new ArrayDeque<>();
     private final AtomicBoolean ended = new AtomicBoolean();
     private final Thread reader;
-    private Thread drain;
-    private final Path errorFile;
-    /** Why the pool ended the process, or what killed it; null while it lives. */
+    /** Why the pool ended the worker, or what killed it; null while it lives. */
     private volatile String reason;
     /** The task on the worker now, or null. Written holding this. */
     private volatile Task current;
@@ -83,90 +84,36 @@ final class Worker {
     final long started = System.nanoTime();
 
     /**
-     * Starts a worker process and waits for it to connect twice to its
-     * socket, a new one in the pool's private folder: first for tasks, then
-     * for interrupts.
+     * A worker whose two connections are made.
      *
-     * @param command the command, to which the socket's path is added
+     * @param launched its launcher's handle
+     * @param channels its connections for tasks and for interrupts
      */
-    Worker(EnginePool pool, java.util.List<String> command, Path socketPath, Path errorFile) throws IOException {
+    Worker(EnginePool pool, Launcher.Launched launched, Transport.Channels channels, int slot) throws IOException {
         this.pool = pool;
-        this.errorFile = errorFile;
-        SocketChannel channel;
-        SocketChannel control = null;
-        try (ServerSocketChannel server = ServerSocketChannel.open(StandardProtocolFamily.UNIX)) {
-            server.bind(UnixDomainSocketAddress.of(socketPath));
-            java.util.List<String> c = new ArrayList<>(command);
-            c.add(1 + c.indexOf(WorkerMain.class.getName()), socketPath.toString());
-            // Standard output carries nothing of the protocol: both streams are drained as one.
-            process = new ProcessBuilder(detached(c)).redirectErrorStream(true).redirectInput(ProcessBuilder.Redirect.PIPE)
-                    .start();
-            drain = new Thread(this::drainErrors, "ambrix-worker-output-" + process.pid());
-            drain.setDaemon(true);
-            drain.start();
-            channel = accept(server);
-            try {
-                control = accept(server);
-            } finally {
-                if (control == null) {
-                    channel.close();
-                }
-            }
-        } finally {
-            Files.deleteIfExists(socketPath);
-        }
-        this.channel = channel;
-        this.control = control;
+        this.launched = launched;
+        this.slot = slot;
+        this.channel = channels.tasks();
+        this.control = channels.control();
         out = Wire.output(channel);
         interrupts = Wire.output(control);
         readerSelector = Selector.open();
         waiterSelector = Selector.open();
         channel.register(readerSelector, SelectionKey.OP_READ);
         channel.register(waiterSelector, SelectionKey.OP_READ);
-        reader = new Thread(this::readAnswers, "ambrix-worker-" + process.pid());
+        reader = new Thread(this::readAnswers, "ambrix-worker-" + name());
         reader.setDaemon(true);
         reader.start();
-        process.onExit().thenRun(this::wakeReader);
+        launched.ended().thenRun(this::wakeReader);
     }
 
-    /** The worker's connection; fails when the process ends first or takes a minute. */
-    private SocketChannel accept(ServerSocketChannel server) throws IOException {
-        server.configureBlocking(false);
-        long deadline = System.nanoTime() + TimeUnit.SECONDS.toNanos(60);
-        while (true) {
-            SocketChannel c = server.accept();
-            if (c != null) {
-                c.configureBlocking(false);
-                return c;
-            }
-            if (!process.isAlive() || System.nanoTime() > deadline) {
-                process.destroyForcibly();
-                java.util.List<String> lines = lastLines();
-                throw new IOException("the worker process did not connect"
-                        + (process.isAlive() ? "" : " (" + exitReason(waitExit()) + ")")
-                        + (lines.isEmpty() ? "" : ": " + String.join("\n", lines)));
-            }
-            try {
-                Thread.sleep(2);
-            } catch (InterruptedException e) {
-                process.destroyForcibly();
-                Thread.currentThread().interrupt();
-                throw new IOException("interrupted while a worker started");
-            }
-        }
-    }
-
-    private int waitExit() {
-        try {
-            return process.waitFor();
-        } catch (InterruptedException e) {
-            Thread.currentThread().interrupt();
-            return -1;
-        }
+    /** The worker in messages: its process id, or its job. */
+    String name() {
+        return launched.job() != null ? "job " + launched.job() : Long.toString(launched.pid());
     }
 
     long pid() {
-        return process.pid();
+        return launched.pid();
     }
 
     boolean alive() {
@@ -249,12 +196,41 @@ final class Worker {
         }
     }
 
-    /** Ends the process at once (SIGKILL); the first reason given stands. */
+    /** Tells the worker that the pool lives (remote workers end when this stops coming). */
+    synchronized void sendHeartbeat() {
+        try {
+            new Wire.Writer(Wire.HEARTBEAT, 0).send(interrupts);
+        } catch (IOException e) {
+            kill(null);
+        }
+    }
+
+    /** The worker's resident memory: as its launcher sees it, or as its last heartbeat said. */
+    long residentBytes() {
+        long bytes = launched.residentBytes();
+        return bytes >= 0 ? bytes : reportedBytes;
+    }
+
+    /**
+     * A worker that stopped answering, whose connection may never close (a
+     * node that vanished): it is ended, and its answers no longer waited for.
+     */
+    void silent(String why) {
+        kill(why);
+        try {
+            channel.shutdownInput();
+        } catch (IOException e) {
+            // closed already
+        }
+        wakeReader();
+    }
+
+    /** Ends the worker at once (SIGKILL, or its scheduler's equivalent); the first reason given stands. */
     void kill(String why) {
         if (why != null && reason == null) {
             reason = why;
         }
-        process.destroyForcibly();
+        launched.kill();
     }
 
     /**
@@ -270,15 +246,31 @@ final class Worker {
         } catch (IOException e) {
             // ending anyway
         }
+        if (launched.job() != null) {
+            // A scheduler's job is cancelled as well, so that none outlives the pool.
+            launched.cancel();
+        }
         try {
-            if (!process.waitFor(grace.toNanos(), TimeUnit.NANOSECONDS)) {
-                process.destroyForcibly();
+            if (!awaitEnd(grace.toNanos())) {
+                launched.kill();
+                awaitEnd(TimeUnit.SECONDS.toNanos(10));
             }
-            process.waitFor();
             reader.join(5000);
         } catch (InterruptedException e) {
-            process.destroyForcibly();
+            launched.kill();
             Thread.currentThread().interrupt();
+        }
+    }
+
+    /** Waits for the worker's end; false when the time passed first. */
+    private boolean awaitEnd(long nanos) throws InterruptedException {
+        try {
+            launched.ended().get(nanos, TimeUnit.NANOSECONDS);
+            return true;
+        } catch (java.util.concurrent.ExecutionException e) {
+            return true;
+        } catch (java.util.concurrent.TimeoutException e) {
+            return false;
         }
     }
 
@@ -460,25 +452,18 @@ final class Worker {
         if (!ended.compareAndSet(false, true)) {
             return;
         }
+        // The connection ended: the worker has, or will in a moment (it halts when its input ends).
         try {
-            if (!process.waitFor(2, TimeUnit.SECONDS)) {
-                process.destroyForcibly();
-                process.waitFor();
+            if (!awaitEnd(TimeUnit.SECONDS.toNanos(launched.job() != null ? 10 : 2))) {
+                launched.kill();
+                awaitEnd(TimeUnit.SECONDS.toNanos(10));
             }
         } catch (InterruptedException e) {
             Thread.currentThread().interrupt();
         }
         if (reason == null) {
-            // The output is read to its end first: a fatal signal's report in it names the cause
-            // better than the status the JVM exits with after it.
-            try {
-                drain.join(2000);
-            } catch (InterruptedException e) {
-                Thread.currentThread().interrupt();
-            }
-        }
-        if (reason == null) {
-            reason = exitReason(process.exitValue());
+            String why = launched.ended().getNow(null);
+            reason = why != null ? why : "the connection to the worker closed";
         }
         reading.lock();
         try {
@@ -492,14 +477,6 @@ final class Worker {
             }
         } finally {
             reading.unlock();
-        }
-        if (errorFile != null) {
-            try {
-                Files.deleteIfExists(errorFile.resolveSibling(errorFile.getFileName().toString()
-                        .replace("%p", Long.toString(process.pid()))));
-            } catch (IOException e) {
-                // a report left behind
-            }
         }
         Task task;
         synchronized (this) {
@@ -517,92 +494,8 @@ final class Worker {
         return new WorkerLostException(reason == null ? "exit status unknown" : reason, lastLines());
     }
 
-    /** The last lines the process wrote, as they are now. */
+    /** The last lines the worker wrote, as its launcher has them. */
     private java.util.List<String> lastLines() {
-        synchronized (lastLines) {
-            return new ArrayList<>(lastLines);
-        }
-    }
-
-    /** "signal 11 (SIGSEGV)" for a death by signal (status 128 + n), else "exit status n". */
-    static String exitReason(int status) {
-        if (status > 128 && status < 128 + 32) {
-            int signal = status - 128;
-            String name = switch (signal) {
-                case 4 -> "SIGILL";
-                case 6 -> "SIGABRT";
-                case 7 -> "SIGBUS";
-                case 8 -> "SIGFPE";
-                case 9 -> "SIGKILL";
-                case 11 -> "SIGSEGV";
-                case 15 -> "SIGTERM";
-                default -> null;
-            };
-            return "signal " + signal + (name == null ? "" : " (" + name + ")");
-        }
-        return "exit status " + status;
-    }
-
-    /**
-     * Drains the process's output (standard error, with standard output
-     * joined to it) all the time, keeping the last lines and watching for a
-     * fatal signal.
-     */
-    private void drainErrors() {
-        try (BufferedReader err = new BufferedReader(
-                new InputStreamReader(process.getInputStream(), StandardCharsets.UTF_8))) {
-            for (String line = err.readLine(); line != null; line = err.readLine()) {
-                synchronized (lastLines) {
-                    if (lastLines.size() == LAST_LINES) {
-                        lastLines.removeFirst();
-                    }
-                    lastLines.addLast(line);
-                }
-                Matcher m = FATAL_SIGNAL.matcher(line);
-                if (m.find()) {
-                    // The JVM would go on to write its report: the task fails now.
-                    kill("signal " + Integer.parseInt(m.group(2), 16) + " (" + m.group(1) + ")");
-                }
-            }
-        } catch (IOException e) {
-            // the process ended
-        }
-    }
-
-    /** The resident memory of the process, in bytes; -1 when it cannot be read. */
-    long residentBytes() {
-        try {
-            for (String line : Files.readAllLines(Path.of("/proc", Long.toString(process.pid()), "status"))) {
-                if (line.startsWith("VmRSS:")) {
-                    String[] parts = line.substring(6).trim().split("\\s+");
-                    return Long.parseLong(parts[0]) * 1024;
-                }
-            }
-        } catch (IOException | RuntimeException e) {
-            // ended, or no /proc
-        }
-        return -1;
-    }
-
-    /**
-     * The command that starts a worker's JVM in a session of its own, so that
-     * the signals a terminal sends its foreground process group (Ctrl-C,
-     * Ctrl-\\) never reach it: only the pool interrupts or kills a worker.
-     */
-    static java.util.List<String> detached(java.util.List<String> command) {
-        if (!Files.isExecutable(SETSID)) {
-            return command;
-        }
-        java.util.List<String> c = new ArrayList<>(command.size() + 1);
-        c.add(SETSID.toString());
-        c.addAll(command);
-        return c;
-    }
-
-    private static final Path SETSID = Path.of("/usr/bin/setsid");
-
-    static String javaCommand() {
-        String home = System.getProperty("java.home");
-        return home + File.separator + "bin" + File.separator + "java";
+        return launched.lastLines();
     }
 }

@@ -203,7 +203,7 @@ class WireTest {
         Path socket = dir.resolve("w.sock");
         try (ServerSocketChannel server = ServerSocketChannel.open(StandardProtocolFamily.UNIX)) {
             server.bind(UnixDomainSocketAddress.of(socket));
-            Process worker = new ProcessBuilder(Worker.javaCommand(), "-cp", EnginePool.classPath(),
+            Process worker = new ProcessBuilder(LocalLauncher.javaCommand(), "-cp", EnginePool.classPath(),
                     WorkerMain.class.getName(), socket.toString()).redirectErrorStream(true).start();
             try (SocketChannel tasks = server.accept(); SocketChannel interrupts = server.accept()) {
                 SocketChannel c = onInterrupts ? interrupts : tasks;
@@ -224,9 +224,9 @@ class WireTest {
 
     @Test
     void exitStatusesNameTheirSignals() {
-        assertEquals("signal 11 (SIGSEGV)", Worker.exitReason(139));
-        assertEquals("signal 9 (SIGKILL)", Worker.exitReason(137));
-        assertEquals("signal 30", Worker.exitReason(158));
-        assertEquals("exit status 1", Worker.exitReason(1));
+        assertEquals("signal 11 (SIGSEGV)", LocalLauncher.exitReason(139));
+        assertEquals("signal 9 (SIGKILL)", LocalLauncher.exitReason(137));
+        assertEquals("signal 30", LocalLauncher.exitReason(158));
+        assertEquals("exit status 1", LocalLauncher.exitReason(1));
     }
 }

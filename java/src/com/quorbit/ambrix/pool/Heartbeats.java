@@ -1,0 +1,114 @@
+package com.quorbit.ambrix.pool;
+
+import java.io.Closeable;
+import java.io.IOException;
+import java.nio.channels.ClosedChannelException;
+import java.nio.channels.SelectionKey;
+import java.nio.channels.Selector;
+import java.time.Duration;
+import java.util.Queue;
+import java.util.Set;
+import java.util.concurrent.ConcurrentHashMap;
+import java.util.concurrent.ConcurrentLinkedQueue;
+import java.util.concurrent.TimeUnit;
+
+/**
+ * Heartbeats in both directions with workers over TCP, whose node may
+ * vanish without closing a connection: a thread of the pool sends each such
+ * worker a heartbeat every second on its interrupt channel and reads theirs
+ * (with the worker's resident memory) from it. A worker silent for longer
+ * than the timeout is taken for lost: the pool ends its job and stops
+ * waiting for its answers. A worker ends itself when the pool's heartbeats
+ * stop in the same way.
+ */
+final class Heartbeats implements Closeable {
+    private final long timeoutNanos;
+    private final long intervalNanos;
+    private final Selector selector;
+    private final Set<Worker> workers = ConcurrentHashMap.newKeySet();
+    private final Queue<Worker> added = new ConcurrentLinkedQueue<>();
+    private final Thread thread;
+    private volatile boolean closed;
+
+    Heartbeats(EnginePool pool, Duration timeout) {
+        timeoutNanos = timeout.toNanos();
+        intervalNanos = Math.min(TimeUnit.SECONDS.toNanos(1), timeoutNanos / 4);
+        try {
+            selector = Selector.open();
+        } catch (IOException e) {
+            throw new IllegalStateException("no selector for heartbeats", e);
+        }
+        thread = new Thread(this::beat, "ambrix-pool-heartbeats");
+        thread.setDaemon(true);
+        thread.start();
+    }
+
+    void add(Worker w) {
+        w.heard = System.nanoTime();
+        workers.add(w);
+        added.add(w);
+        selector.wakeup();
+    }
+
+    void remove(Worker w) {
+        workers.remove(w);
+    }
+
+    private void beat() {
+        long next = System.nanoTime();
+        while (!closed) {
+            for (Worker w = added.poll(); w != null; w = added.poll()) {
+                try {
+                    w.control.register(selector, SelectionKey.OP_READ, w);
+                } catch (ClosedChannelException e) {
+                    workers.remove(w);
+                }
+            }
+            long now = System.nanoTime();
+            if (now - next >= 0) {
+                next = now + intervalNanos;
+                for (Worker w : workers) {
+                    if (now - w.heard > timeoutNanos && w.alive()) {
+                        workers.remove(w);
+                        w.silent("no heartbeat for " + Task.seconds(Duration.ofNanos(timeoutNanos)));
+                    } else {
+                        w.sendHeartbeat();
+                    }
+                }
+            }
+            try {
+                selector.select(Math.max(1, TimeUnit.NANOSECONDS.toMillis(next - System.nanoTime())));
+            } catch (IOException | java.nio.channels.ClosedSelectorException e) {
+                return;
+            }
+            for (SelectionKey key : selector.selectedKeys()) {
+                Worker w = (Worker) key.attachment();
+                try {
+                    for (Wire.Frame f = w.controlFrames.next(w.control); f != null; f = w.controlFrames.next(w.control)) {
+                        if (f.kind() != Wire.HEARTBEAT) {
+                            throw new Wire.WireException("malformed frame: kind " + f.kind() + " on the interrupt channel");
+                        }
+                        w.heard = System.nanoTime();
+                        w.reportedBytes = f.values().number();
+                    }
+                } catch (IOException e) {
+                    // The connection ended: the task channel's reader reports it.
+                    key.cancel();
+                }
+            }
+            selector.selectedKeys().clear();
+        }
+    }
+
+    @Override
+    public void close() {
+        closed = true;
+        selector.wakeup();
+        try {
+            thread.join(2000);
+            selector.close();
+        } catch (IOException | InterruptedException e) {
+            // ending anyway
+        }
+    }
+}

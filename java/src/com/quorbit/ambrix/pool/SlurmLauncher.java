@@ -1,0 +1,420 @@
+package com.quorbit.ambrix.pool;
+
+import java.io.IOException;
+import java.io.OutputStream;
+import java.nio.charset.StandardCharsets;
+import java.nio.file.Files;
+import java.nio.file.Path;
+import java.time.Duration;
+import java.util.ArrayList;
+import java.util.HashMap;
+import java.util.List;
+import java.util.Map;
+import java.util.concurrent.CompletableFuture;
+import java.util.concurrent.ConcurrentHashMap;
+import java.util.concurrent.TimeUnit;
+
+/**
+ * Workers as jobs of a Slurm cluster: one job per worker, named
+ * {@code ambrix-worker}, submitted with {@code sbatch}. The job runs the
+ * worker's JVM, which connects back to the pool over TCP and proves that it
+ * holds the pool's secret, which it gets through its job's environment.
+ *
+ * <pre>{@code
+ * EnginePool.builder().workers(64)
+ *     .launcher(SlurmLauncher.builder().partition("compute").jobTime(Duration.ofHours(4)).build())
+ *     .listenAddress("10.1.0.5")
+ *     .build();
+ * }</pre>
+ *
+ * <p>Each setting maps to an sbatch option: {@code partition} to
+ * {@code --partition}, {@code account} to {@code --account}, {@code jobTime}
+ * to {@code --time}, {@code cpusPerWorker} to {@code --cpus-per-task}, the
+ * pool's memory limit to {@code --mem}; {@code sbatchOptions} are passed as
+ * they are. The job's output goes to {@code output} ({@code /dev/null}
+ * unless set; {@code %j} stands for the job's id).
+ *
+ * <p>The launcher watches its jobs with {@code squeue}, and tells a job's
+ * end by the state {@code scontrol} gives it ("Slurm job 1234 ended
+ * (CANCELLED)"). It ends jobs with {@code scancel}.
+ */
+public final class SlurmLauncher implements Launcher {
+    private final Builder settings;
+    private final Map<String, Job> jobs = new ConcurrentHashMap<>();
+    private Thread watcher;
+
+    private SlurmLauncher(Builder settings) {
+        this.settings = settings;
+    }
+
+    /**
+     * A builder with no settings: Slurm's defaults for everything.
+     *
+     * @return the builder
+     */
+    public static Builder builder() {
+        return new Builder();
+    }
+
+    /** The settings of the jobs. */
+    public static final class Builder {
+        private String partition;
+        private String account;
+        private Duration jobTime;
+        private int cpusPerWorker;
+        private List<String> sbatchOptions = List.of();
+        private String java;
+        private String jar;
+        private String output = "/dev/null";
+
+        private Builder() {
+        }
+
+        /**
+         * The partition the jobs run in ({@code --partition}).
+         *
+         * @param name the partition
+         * @return this builder
+         */
+        public Builder partition(String name) {
+            partition = name;
+            return this;
+        }
+
+        /**
+         * The account the jobs are charged to ({@code --account}).
+         *
+         * @param name the account
+         * @return this builder
+         */
+        public Builder account(String name) {
+            account = name;
+            return this;
+        }
+
+        /**
+         * Each job's time limit ({@code --time}), after which Slurm ends it
+         * and the pool submits a replacement.
+         *
+         * @param time at least a minute
+         * @return this builder
+         */
+        public Builder jobTime(Duration time) {
+            if (time == null || time.compareTo(Duration.ofMinutes(1)) < 0) {
+                throw new IllegalArgumentException("jobTime must be at least a minute");
+            }
+            jobTime = time;
+            return this;
+        }
+
+        /**
+         * The CPUs of each job ({@code --cpus-per-task}).
+         *
+         * @param cpus at least 1
+         * @return this builder
+         */
+        public Builder cpusPerWorker(int cpus) {
+            if (cpus < 1) {
+                throw new IllegalArgumentException("cpusPerWorker must be at least 1, not " + cpus);
+            }
+            cpusPerWorker = cpus;
+            return this;
+        }
+
+        /**
+         * Further sbatch options, passed as they are, after the others.
+         *
+         * @param options such as "--qos=normal"
+         * @return this builder
+         */
+        public Builder sbatchOptions(String... options) {
+            sbatchOptions = List.of(options);
+            return this;
+        }
+
+        /**
+         * The {@code java} executable on the nodes (default: the pool's own).
+         *
+         * @param path the executable's path, as the nodes see it
+         * @return this builder
+         */
+        public Builder java(String path) {
+            java = path;
+            return this;
+        }
+
+        /**
+         * The {@code ambrix.jar} on the nodes (default: the pool's own).
+         *
+         * @param path the jar's path, as the nodes see it
+         * @return this builder
+         */
+        public Builder jar(String path) {
+            jar = path;
+            return this;
+        }
+
+        /**
+         * Where each job writes its output ({@code --output}; default
+         * {@code /dev/null}). Where the pool can read it, its last lines
+         * follow the message of a lost worker.
+         *
+         * @param path a file, {@code %j} standing for the job's id
+         * @return this builder
+         */
+        public Builder output(String path) {
+            output = path;
+            return this;
+        }
+
+        /**
+         * The launcher.
+         *
+         * @return the launcher, for {@link EnginePool.Builder#launcher}
+         */
+        public SlurmLauncher build() {
+            return new SlurmLauncher(this);
+        }
+    }
+
+    /** The sbatch command line for a launch; the script comes on its input. */
+    List<String> sbatchCommand(Launch launch) {
+        List<String> c = new ArrayList<>(List.of("sbatch", "--parsable", "--job-name=" + launch.name(),
+                "--output=" + settings.output, "--export=ALL"));
+        if (settings.partition != null) {
+            c.add("--partition=" + settings.partition);
+        }
+        if (settings.account != null) {
+            c.add("--account=" + settings.account);
+        }
+        if (settings.jobTime != null) {
+            c.add("--time=" + Math.max(1, settings.jobTime.toMinutes()));
+        }
+        if (settings.cpusPerWorker > 0) {
+            c.add("--cpus-per-task=" + settings.cpusPerWorker);
+        }
+        if (launch.memoryLimit() > 0) {
+            c.add("--mem=" + Math.max(1, launch.memoryLimit() >> 20) + "M");
+        }
+        c.addAll(settings.sbatchOptions);
+        return c;
+    }
+
+    /** The job's script: the worker's command, with the java and the jar the nodes see. */
+    String script(Launch launch) {
+        List<String> command = new ArrayList<>(launch.command());
+        if (settings.java != null) {
+            command.set(0, settings.java);
+        }
+        int cp = command.indexOf("-cp");
+        if (settings.jar != null && cp >= 0 && cp + 1 < command.size()) {
+            command.set(cp + 1, settings.jar);
+        }
+        StringBuilder s = new StringBuilder("#!/bin/sh\nexec");
+        for (String word : command) {
+            s.append(" '").append(word.replace("'", "'\\''")).append('\'');
+        }
+        return s.append('\n').toString();
+    }
+
+    @Override
+    public Launched launch(Launch launch) throws IOException {
+        ProcessBuilder builder = new ProcessBuilder(sbatchCommand(launch)).redirectErrorStream(false);
+        // The secret reaches the job through its environment (sbatch exports this one), never a command line.
+        builder.environment().putAll(launch.environment());
+        String[] result = run(builder, script(launch));
+        if (!result[0].equals("0")) {
+            throw new IOException(result[2].isBlank() ? "sbatch failed with status " + result[0] : result[2].strip());
+        }
+        String id = result[1].strip().split(";")[0];
+        if (!id.matches("\\d+(_\\d+)?")) {
+            throw new IOException("sbatch answered no job id: " + result[1].strip());
+        }
+        Job job = new Job(id);
+        jobs.put(id, job);
+        watch();
+        return job;
+    }
+
+    /** Runs a command with this input: its status, its output and its error output. */
+    private static String[] run(ProcessBuilder builder, String input) throws IOException {
+        Process p = builder.start();
+        try (OutputStream in = p.getOutputStream()) {
+            in.write(input.getBytes(StandardCharsets.UTF_8));
+        }
+        CompletableFuture<byte[]> err = CompletableFuture.supplyAsync(() -> {
+            try {
+                return p.getErrorStream().readAllBytes();
+            } catch (IOException e) {
+                return new byte[0];
+            }
+        });
+        byte[] out = p.getInputStream().readAllBytes();
+        try {
+            if (!p.waitFor(60, TimeUnit.SECONDS)) {
+                p.destroyForcibly();
+                throw new IOException(builder.command().get(0) + " did not answer within 60 s");
+            }
+            return new String[] {Integer.toString(p.exitValue()), new String(out, StandardCharsets.UTF_8),
+                new String(err.join(), StandardCharsets.UTF_8)};
+        } catch (InterruptedException e) {
+            p.destroyForcibly();
+            Thread.currentThread().interrupt();
+            throw new IOException("interrupted while running " + builder.command().get(0));
+        }
+    }
+
+    private static String[] run(String... command) throws IOException {
+        return run(new ProcessBuilder(command), "");
+    }
+
+    /** Starts the thread that watches the jobs, once. */
+    private synchronized void watch() {
+        if (watcher == null) {
+            watcher = new Thread(this::watchJobs, "ambrix-slurm-jobs");
+            watcher.setDaemon(true);
+            watcher.start();
+        }
+    }
+
+    /**
+     * Every half second: the state and node of each live job, from squeue;
+     * a job squeue no longer lists has ended, and scontrol tells its last state.
+     */
+    private void watchJobs() {
+        while (true) {
+            try {
+                Thread.sleep(500);
+            } catch (InterruptedException e) {
+                return;
+            }
+            if (jobs.isEmpty()) {
+                continue;
+            }
+            try {
+                String[] r = run("squeue", "-h", "-t", "all", "-o", "%i|%T|%N", "-n", "ambrix-worker");
+                if (!r[0].equals("0")) {
+                    continue;
+                }
+                Map<String, String[]> listed = new HashMap<>();
+                for (String line : r[1].split("\n")) {
+                    String[] f = line.strip().split("\\|", -1);
+                    if (f.length == 3) {
+                        listed.put(f[0], f);
+                    }
+                }
+                for (Job job : List.copyOf(jobs.values())) {
+                    String[] f = listed.get(job.id);
+                    if (f != null && !finished(f[1])) {
+                        job.state = f[1];
+                        if (!f[2].isBlank() && !f[2].equals("(null)")) {
+                            job.host = f[2];
+                        }
+                    } else {
+                        job.ended(f != null ? f[1] : lastState(job.id));
+                    }
+                }
+            } catch (IOException | RuntimeException e) {
+                // squeue did not answer: asked again at the next turn
+            }
+        }
+    }
+
+    private static boolean finished(String state) {
+        return !(state.equals("PENDING") || state.equals("RUNNING") || state.equals("CONFIGURING")
+                || state.equals("SUSPENDED") || state.equals("REQUEUED") || state.equals("RESIZING")
+                || state.equals("COMPLETING") || state.equals("SIGNALING") || state.equals("STAGE_OUT"));
+    }
+
+    /** A finished job's state, as scontrol gives it for some minutes after its end. */
+    private static String lastState(String id) {
+        try {
+            String[] r = run("scontrol", "show", "job", "-o", id);
+            for (String word : r[1].split("\\s+")) {
+                if (word.startsWith("JobState=")) {
+                    return word.substring(9);
+                }
+            }
+        } catch (IOException e) {
+            // unknown
+        }
+        return "state unknown";
+    }
+
+    /** One job, as squeue last saw it. */
+    private final class Job implements Launched {
+        final String id;
+        volatile String state = "PENDING";
+        volatile String host;
+        private final CompletableFuture<String> ended = new CompletableFuture<>();
+
+        Job(String id) {
+            this.id = id;
+        }
+
+        void ended(String finalState) {
+            jobs.remove(id);
+            state = finalState;
+            ended.complete("Slurm job " + id + " ended (" + finalState + ")");
+        }
+
+        @Override
+        public String host() {
+            return host;
+        }
+
+        @Override
+        public String job() {
+            return id;
+        }
+
+        @Override
+        public boolean queued() {
+            return state.equals("PENDING") || state.equals("CONFIGURING") || state.equals("REQUEUED");
+        }
+
+        @Override
+        public CompletableFuture<String> ended() {
+            return ended;
+        }
+
+        @Override
+        public void kill() {
+            scancel("--signal=KILL", id);
+        }
+
+        @Override
+        public void cancel() {
+            scancel(id);
+        }
+
+        private void scancel(String... args) {
+            List<String> c = new ArrayList<>(List.of("scancel"));
+            c.addAll(List.of(args));
+            try {
+                run(c.toArray(new String[0]));
+            } catch (IOException e) {
+                EnginePool.LOG.log(System.Logger.Level.WARNING, "scancel of Slurm job " + id + " failed: " + e);
+            }
+        }
+
+        @Override
+        public List<String> lastLines() {
+            Path out = Path.of(settings.output.replace("%j", id));
+            try {
+                if (!settings.output.equals("/dev/null") && Files.isReadable(out)) {
+                    List<String> all = Files.readAllLines(out, StandardCharsets.UTF_8);
+                    return all.subList(Math.max(0, all.size() - 20), all.size());
+                }
+            } catch (IOException | RuntimeException e) {
+                // not here to read
+            }
+            return List.of();
+        }
+
+        @Override
+        public String toString() {
+            return "Slurm job " + id;
+        }
+    }
+}
