@@ -7,7 +7,7 @@ packages=(g++ cmake make file libgmp-dev libgtest-dev openjdk-17-jdk-headless ju
 if [[ ${1-} == --tests ]]; then
   packages+=(python3-jupyter-kernel-test python3-jupyter-client jupyter-client jupyter-nbconvert python3-nbclient
              maven libmaven-compiler-plugin-java libmaven-resources-plugin-java libmaven-jar-plugin-java
-             libsurefire-java unzip libxml2-utils)
+             libsurefire-java unzip libxml2-utils slurm-wlm munge)
 fi
 # The notebook's syntax highlighting is tested under Node: any node on the PATH will do.
 if [[ ${1-} == --tests ]] && ! command -v node >/dev/null; then

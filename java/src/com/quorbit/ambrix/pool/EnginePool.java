@@ -654,7 +654,7 @@ public final class EnginePool implements AutoCloseable {
                 if (s.gaveUp != null) {
                     status = WorkerState.Status.LOST;
                 } else if (w != null && w.ready && w.alive()) {
-                    status = idle.contains(w) ? WorkerState.Status.READY : WorkerState.Status.BUSY;
+                    status = w.busy() ? WorkerState.Status.BUSY : WorkerState.Status.READY;
                 } else if (l != null && l.queued()) {
                     status = WorkerState.Status.QUEUED;
                 } else {

@@ -116,6 +116,11 @@ final class Worker {
         return launched.pid();
     }
 
+    /** Whether it runs a task (a reset included) or serves a session. */
+    boolean busy() {
+        return current != null || session != null;
+    }
+
     boolean alive() {
         return !ended.get();
     }

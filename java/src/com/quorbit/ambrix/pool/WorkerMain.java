@@ -13,11 +13,14 @@ import java.util.concurrent.TimeUnit;
 import java.util.concurrent.locks.LockSupport;
 
 /**
- * A pool's worker: a child JVM whose kernel runs the pool's tasks. It
- * connects twice to the Unix-domain socket its one argument names, in a
- * folder only the user can open: on the first connection it reads tasks and
- * answers them, on the second it reads interrupts, which a second thread
- * serves while a task runs. The end of either input means the pool is gone,
+ * A pool's worker: a JVM whose kernel runs the pool's tasks. It connects
+ * twice to the pool: to the Unix-domain socket its first argument names, in
+ * a folder only the user can open, or, for an argument tcp://host:port, over
+ * TCP as the slot its second argument names, proving on each connection that
+ * it holds the secret its environment gives it. On the first connection it
+ * reads tasks and answers them, on the second it reads interrupts, which a
+ * second thread serves while a task runs (and, over TCP, exchanges
+ * heartbeats: {@code --heartbeat=MILLIS} ends it when the pool's stop). The end of either input means the pool is gone,
  * even killed: the worker then halts at once, so no kernel outlives its
  * pool.
  *
@@ -82,17 +85,34 @@ public final class WorkerMain {
             System.err.println("ambrix worker: started without a pool");
             Runtime.getRuntime().halt(2);
         }
-        boolean echo = args.length == 2 && args[1].equals("--echo");
+        java.util.List<String> rest = new ArrayList<>(java.util.Arrays.asList(args).subList(1, args.length));
+        boolean echo = rest.remove("--echo");
+        long heartbeat = 0;
+        for (String a : java.util.List.copyOf(rest)) {
+            if (a.startsWith("--heartbeat=")) {
+                heartbeat = Long.parseLong(a.substring(12));
+                rest.remove(a);
+            }
+        }
         WorkerMain worker;
         SocketChannel interrupts = null;
         try {
-            UnixDomainSocketAddress pool = UnixDomainSocketAddress.of(args[0]);
-            SocketChannel tasks = SocketChannel.open(pool);
-            worker = new WorkerMain(Wire.output(tasks), tasks);
-            if (!echo) {
-                interrupts = SocketChannel.open(pool);
+            SocketChannel tasks;
+            if (args[0].startsWith("tcp://")) {
+                // A worker elsewhere: it proves to the pool that it holds the secret, on both connections.
+                long token = Long.parseLong(rest.get(0));
+                byte[] secret = Handshake.secretFromEnvironment();
+                tasks = connect(args[0], secret, token, (byte) 1);
+                interrupts = connect(args[0], secret, token, (byte) 2);
+            } else {
+                UnixDomainSocketAddress pool = UnixDomainSocketAddress.of(args[0]);
+                tasks = SocketChannel.open(pool);
+                if (!echo) {
+                    interrupts = SocketChannel.open(pool);
+                }
             }
-        } catch (IOException e) {
+            worker = new WorkerMain(Wire.output(tasks), tasks);
+        } catch (IOException | RuntimeException e) {
             System.err.println("ambrix worker: the pool's channel failed: " + e);
             Runtime.getRuntime().halt(3);
             return;
@@ -101,12 +121,94 @@ public final class WorkerMain {
             worker.guarded(worker::echo);
         } else {
             SocketChannel control = interrupts;
+            if (heartbeat > 0) {
+                worker.startHeartbeats(control, heartbeat);
+            }
             Thread second = new Thread(() -> worker.guarded(() -> worker.interrupts(control)),
                     "ambrix-worker-interrupts");
             second.setDaemon(true);
             second.start();
             worker.guarded(worker::serve);
         }
+    }
+
+    /**
+     * Connects to a pool over TCP and proves that it holds the secret, as
+     * the given channel of the slot that the token names. A pool that is not
+     * there yet (a job may start before its listener answers) is tried again
+     * for a minute.
+     */
+    private static SocketChannel connect(String address, byte[] secret, long token, byte channel) throws IOException {
+        java.net.URI uri = java.net.URI.create(address);
+        java.net.InetSocketAddress to = new java.net.InetSocketAddress(uri.getHost(), uri.getPort());
+        long deadline = System.nanoTime() + TimeUnit.SECONDS.toNanos(60);
+        while (true) {
+            SocketChannel c = null;
+            try {
+                c = SocketChannel.open(to);
+                c.setOption(java.net.StandardSocketOptions.TCP_NODELAY, true);
+                Handshake.connect(c.socket(), secret, token, channel, 5000);
+                return c;
+            } catch (java.net.ConnectException e) {
+                if (c != null) {
+                    c.close();
+                }
+                if (System.nanoTime() > deadline) {
+                    throw e;
+                }
+                LockSupport.parkNanos(TimeUnit.MILLISECONDS.toNanos(500));
+            } catch (IOException e) {
+                if (c != null) {
+                    c.close();
+                }
+                throw e;
+            }
+        }
+    }
+
+    /** When the pool's last heartbeat came. */
+    private volatile long heard = System.nanoTime();
+
+    /**
+     * Sends the pool a heartbeat with this process's resident memory every
+     * second on the interrupt channel, and ends the process when the pool's
+     * own heartbeats stop for longer than the timeout: a pool whose machine
+     * vanished without closing the connection leaves no worker behind.
+     */
+    private void startHeartbeats(SocketChannel control, long timeoutMillis) {
+        OutputStream beats = Wire.output(control);
+        long interval = Math.min(1000, timeoutMillis / 4);
+        Thread t = new Thread(() -> {
+            while (true) {
+                LockSupport.parkNanos(TimeUnit.MILLISECONDS.toNanos(interval));
+                if (System.nanoTime() - heard > TimeUnit.MILLISECONDS.toNanos(timeoutMillis)) {
+                    System.err.println("ambrix worker: no heartbeat from the pool for " + timeoutMillis + " ms");
+                    Runtime.getRuntime().halt(4);
+                }
+                try {
+                    new Wire.Writer(Wire.HEARTBEAT, 0).number(residentBytes()).send(beats);
+                } catch (IOException e) {
+                    // The pool is gone: the readers end the process.
+                    return;
+                }
+            }
+        }, "ambrix-worker-heartbeats");
+        t.setDaemon(true);
+        t.start();
+    }
+
+    /** This process's resident memory in bytes, from /proc; -1 where it cannot be read. */
+    private static long residentBytes() {
+        try {
+            for (String line : java.nio.file.Files.readAllLines(java.nio.file.Path.of("/proc/self/status"))) {
+                if (line.startsWith("VmRSS:")) {
+                    return Long.parseLong(line.substring(6).trim().split("\\s+")[0]) * 1024;
+                }
+            }
+        } catch (IOException | RuntimeException e) {
+            // no /proc
+        }
+        return -1;
     }
 
     private interface Loop {
@@ -157,6 +259,10 @@ public final class WorkerMain {
     private void interrupts(SocketChannel control) throws IOException {
         Wire.Assembler interrupts = new Wire.Assembler();
         for (Wire.Frame f = interrupts.read(control); f != null; f = interrupts.read(control)) {
+            if (f.kind() == Wire.HEARTBEAT) {
+                heard = System.nanoTime();
+                continue;
+            }
             if (f.kind() != Wire.INTERRUPT) {
                 throw new Wire.WireException("malformed frame: kind " + f.kind() + " on the interrupt channel");
             }

@@ -1,0 +1,330 @@
+package com.quorbit.ambrix;
+
+import static org.junit.jupiter.api.Assertions.assertEquals;
+import static org.junit.jupiter.api.Assertions.assertFalse;
+import static org.junit.jupiter.api.Assertions.assertInstanceOf;
+import static org.junit.jupiter.api.Assertions.assertNotEquals;
+import static org.junit.jupiter.api.Assertions.assertNotNull;
+import static org.junit.jupiter.api.Assertions.assertThrows;
+import static org.junit.jupiter.api.Assertions.assertTrue;
+
+import com.quorbit.ambrix.pool.EnginePool;
+import com.quorbit.ambrix.pool.Launcher;
+import com.quorbit.ambrix.pool.Result;
+import com.quorbit.ambrix.pool.Session;
+import com.quorbit.ambrix.pool.SlurmLauncher;
+import com.quorbit.ambrix.pool.WorkerLostException;
+import com.quorbit.ambrix.pool.WorkerState;
+import com.quorbit.externalcall.VexelException;
+import java.io.IOException;
+import java.io.InputStream;
+import java.net.Socket;
+import java.net.URI;
+import java.nio.charset.StandardCharsets;
+import java.time.Duration;
+import java.util.ArrayList;
+import java.util.List;
+import java.util.concurrent.CompletableFuture;
+import java.util.concurrent.CompletionException;
+import java.util.concurrent.CopyOnWriteArrayList;
+import java.util.concurrent.TimeUnit;
+import org.junit.jupiter.api.AfterAll;
+import org.junit.jupiter.api.BeforeAll;
+import org.junit.jupiter.api.Test;
+import org.junit.jupiter.api.Timeout;
+
+/**
+ * Pools whose workers are Slurm jobs, on the single-node cluster that
+ * tests/slurm/run.sh starts on this machine (SLURM_CONF names it): tasks,
+ * calls and sessions, a job cancelled under a task, limits through Slurm,
+ * refused submissions, refused connections, heartbeats, and no job left
+ * behind. Each waits with a bound; none is skipped.
+ */
+@Timeout(value = 180, unit = TimeUnit.SECONDS)
+class SlurmScenario {
+    static EnginePool pool;
+    static final PoolTest.LogRecords LOG = new PoolTest.LogRecords();
+
+    /** A launcher that submits through Slurm and keeps what each launch was given. */
+    static final class Recording implements Launcher {
+        final Launcher slurm;
+        final List<Launch> launches = new CopyOnWriteArrayList<>();
+
+        Recording(Launcher slurm) {
+            this.slurm = slurm;
+        }
+
+        @Override
+        public Launched launch(Launch launch) throws IOException {
+            launches.add(launch);
+            return slurm.launch(launch);
+        }
+    }
+
+    static final Recording LAUNCHER = new Recording(SlurmLauncher.builder().jobTime(Duration.ofMinutes(30)).build());
+
+    @BeforeAll
+    static void start() {
+        assertNotNull(System.getenv("SLURM_CONF"), "no test cluster: run through tests/slurm/run.sh");
+        java.util.logging.Logger.getLogger("com.quorbit.ambrix.pool").addHandler(LOG);
+        pool = EnginePool.builder().workers(2).launcher(LAUNCHER).listenAddress("127.0.0.1")
+                .kernelArguments("-q", "--test-hooks").initialize("area := proc(w, h) w * h end proc:")
+                .graceTime(Duration.ofMillis(500)).memoryLimit(512L << 20).build();
+        assertTrue(pool.awaitWorkers(2, Duration.ofSeconds(90)), "the workers did not start: " + pool.workerStates());
+    }
+
+    @AfterAll
+    static void stop() throws Exception {
+        List<String> jobs = pool.workerStates().stream().map(WorkerState::job).toList();
+        pool.close();
+        for (String job : jobs) assertFalse(queued().contains(job), "job " + job + " outlived close()");
+    }
+
+    /** The ids of the cluster's ambrix-worker jobs that are not over. */
+    static List<String> queued() throws IOException, InterruptedException {
+        Process p = new ProcessBuilder("squeue", "-h", "-o", "%i", "-n", "ambrix-worker").redirectErrorStream(true)
+                .start();
+        String out = new String(p.getInputStream().readAllBytes(), StandardCharsets.UTF_8);
+        assertEquals(0, p.waitFor(), out);
+        return out.lines().map(String::strip).filter(s -> !s.isEmpty()).toList();
+    }
+
+    static String run(String... command) throws IOException, InterruptedException {
+        Process p = new ProcessBuilder(command).redirectErrorStream(true).start();
+        String out = new String(p.getInputStream().readAllBytes(), StandardCharsets.UTF_8);
+        p.waitFor();
+        return out;
+    }
+
+    /** The process ids of a job, on this node. */
+    static List<Long> pidsOf(String job) throws IOException, InterruptedException {
+        List<Long> pids = new ArrayList<>();
+        for (String line : run("scontrol", "listpids", job).split("\n")) {
+            String[] f = line.strip().split("\\s+");
+            if (f.length > 0 && f[0].matches("\\d+")) pids.add(Long.valueOf(f[0]));
+        }
+        return pids;
+    }
+
+    static void awaitTrue(String what, java.util.function.BooleanSupplier condition, int seconds)
+            throws InterruptedException {
+        long end = System.nanoTime() + TimeUnit.SECONDS.toNanos(seconds);
+        while (!condition.getAsBoolean()) {
+            if (System.nanoTime() > end) throw new AssertionError(what + " within " + seconds + " s");
+            Thread.sleep(100);
+        }
+    }
+
+    static String busyJob() {
+        return pool.workerStates().stream().filter(s -> s.status() == WorkerState.Status.BUSY)
+                .map(WorkerState::job).findFirst().orElseThrow();
+    }
+
+    @Test
+    void tasksCallsAndSessionsRunThroughSlurmWorkers() throws Exception {
+        List<WorkerState> states = pool.workerStates();
+        assertEquals(2, states.size());
+        for (WorkerState s : states) {
+            assertTrue(s.job().matches("\\d+"), s.toString());
+            assertNotNull(s.host(), s.toString());
+        }
+        assertTrue(queued().containsAll(states.stream().map(WorkerState::job).toList()));
+        // Each job got the pool's memory limit as --mem.
+        assertTrue(run("scontrol", "show", "job", states.get(0).job()).contains("MinMemoryNode=512M"));
+        Result r = pool.submit("print(\"hi\"); 2^100;").join();
+        assertEquals("1267650600228229401496703205376", r.text());
+        assertEquals(List.of("\"hi\""), r.output());
+        assertEquals(13.5, pool.call("area", 3, 4.5).join());
+        assertEquals("x", pool.submit("x;").join().text());  // a clean kernel per task
+        try (Session s = pool.session()) {
+            s.evaluate("g := x -> x^2:");
+            assertEquals(25L, s.call("g", 5));
+            assertEquals("9", s.evaluate("g(3);").text());
+        }
+        List<CompletableFuture<Result>> many = new ArrayList<>();
+        for (int i = 0; i < 20; i++) many.add(pool.submit(i + " * 2;"));
+        for (int i = 0; i < 20; i++) assertEquals(Integer.toString(2 * i), many.get(i).join().text());
+        // The secret went through the job's environment, never its command line.
+        Launcher.Launch launch = LAUNCHER.launches.get(0);
+        String secret = launch.environment().get("AMBRIX_POOL_SECRET");
+        assertEquals(64, secret.length());
+        assertFalse(String.join(" ", launch.command()).contains(secret));
+    }
+
+    @Test
+    void aCancelledJobFailsItsTaskNamingTheJobAndIsReplaced() throws Exception {
+        CompletableFuture<Result> running = pool.submit("for i to 10^9 do end do;");
+        awaitTrue("a busy worker", () -> pool.workerStates().stream()
+                .anyMatch(s -> s.status() == WorkerState.Status.BUSY), 10);
+        String job = busyJob();
+        run("scancel", job);
+        WorkerLostException e = assertInstanceOf(WorkerLostException.class,
+                assertThrows(CompletionException.class, running::join).getCause());
+        assertEquals("Slurm job " + job + " ended (CANCELLED)", e.reason());
+        assertTrue(e.getMessage().startsWith("kernel process ended: Slurm job " + job + " ended (CANCELLED)"));
+        assertTrue(pool.awaitWorkers(2, Duration.ofSeconds(60)), pool.workerStates().toString());
+        assertFalse(pool.workerStates().stream().anyMatch(s -> job.equals(s.job())));
+        assertEquals("12", pool.submit("area(3, 4);").join().text());
+    }
+
+    @Test
+    void aTaskPastItsTimeLimitIsKilledThroughSlurm() throws Exception {
+        assertTrue(pool.awaitWorkers(2, Duration.ofSeconds(60)));
+        CompletableFuture<Result> spinning = pool.submit("spin();", Duration.ofMillis(300));
+        awaitTrue("a busy worker", () -> pool.workerStates().stream()
+                .anyMatch(s -> s.status() == WorkerState.Status.BUSY), 10);
+        String job = busyJob();
+        WorkerLostException e = assertInstanceOf(WorkerLostException.class,
+                assertThrows(CompletionException.class, spinning::join).getCause());
+        assertEquals("killed after the time limit of 0.3 s passed and a grace of 0.5 s", e.reason());
+        awaitTrue("job " + job + " ended", () -> {
+            try {
+                return !queued().contains(job);
+            } catch (IOException | InterruptedException x) {
+                return false;
+            }
+        }, 15);
+        assertTrue(pool.awaitWorkers(2, Duration.ofSeconds(60)));
+        assertEquals("2", pool.submit("1 + 1;").join().text());
+    }
+
+    @Test
+    void aWorkerPastItsMemoryLimitIsKilledByItsHeartbeats() {
+        // Slurm here does not enforce --mem: the worker's own reports do.
+        CompletableFuture<Result> hog = pool.submit("hogmemory();");
+        WorkerLostException e = assertInstanceOf(WorkerLostException.class,
+                assertThrows(CompletionException.class, hog::join).getCause());
+        assertEquals("memory limit of 512 MiB passed", e.reason());
+        assertTrue(pool.awaitWorkers(2, Duration.ofSeconds(60)));
+    }
+
+    @Test
+    void aStoppedWorkerIsFoundByItsHeartbeatsAndItsJobCancelled() throws Exception {
+        try (EnginePool p = EnginePool.builder().workers(1).launcher(SlurmLauncher.builder().build())
+                .listenAddress("127.0.0.1").heartbeatTimeout(Duration.ofSeconds(3)).build()) {
+            assertTrue(p.awaitWorkers(1, Duration.ofSeconds(60)));
+            String job = p.workerStates().get(0).job();
+            CompletableFuture<Result> task = p.submit("for i to 10^9 do end do;");
+            for (long pid : pidsOf(job)) run("kill", "-STOP", Long.toString(pid));
+            long start = System.nanoTime();
+            WorkerLostException e = assertInstanceOf(WorkerLostException.class,
+                    assertThrows(CompletionException.class, task::join).getCause());
+            long seconds = TimeUnit.NANOSECONDS.toSeconds(System.nanoTime() - start);
+            assertEquals("no heartbeat for 3 s", e.reason());
+            assertTrue(seconds < 15, "found after " + seconds + " s");
+            awaitTrue("job " + job + " ended", () -> {
+                try {
+                    return !queued().contains(job);
+                } catch (IOException | InterruptedException x) {
+                    return false;
+                }
+            }, 20);
+            assertTrue(p.awaitWorkers(1, Duration.ofSeconds(60)));
+            assertEquals("3", p.submit("1 + 2;").join().text());
+        }
+    }
+
+    @Test
+    void aBadPartitionGivesSbatchsErrorWithoutASubmitLoop() {
+        int before = LOG.messages.size();
+        VexelException e = assertThrows(VexelException.class, () -> EnginePool.builder().workers(1)
+                .launcher(SlurmLauncher.builder().partition("nosuchpartition").build()).build());
+        assertTrue(e.getMessage().startsWith("no worker could be started: sbatch: error: "), e.getMessage());
+        assertTrue(e.getMessage().contains("partition"), e.getMessage());
+        List<String> log = LOG.messages.subList(before, LOG.messages.size());
+        assertEquals(2, log.stream().filter(m -> m.contains("launching another")).count(), log.toString());
+        assertEquals(1, log.stream().filter(m -> m.contains("gave up after 3 launches")).count(), log.toString());
+    }
+
+    /** Where the pool listens, from the arguments its workers were given. */
+    static URI poolAddress() {
+        List<String> c = LAUNCHER.launches.get(0).command();
+        return URI.create(c.stream().filter(a -> a.startsWith("tcp://")).findFirst().orElseThrow());
+    }
+
+    @Test
+    void aWorkerWithAWrongSecretIsRefusedLoggedAndGivenNoTask() throws Exception {
+        Launcher.Launch launch = LAUNCHER.launches.get(0);
+        List<String> command = new ArrayList<>(launch.command());
+        command.removeIf(a -> a.startsWith("--heartbeat"));
+        int before = LOG.messages.size();
+        ProcessBuilder b = new ProcessBuilder(command).redirectErrorStream(true);
+        b.environment().put("AMBRIX_POOL_SECRET", "00".repeat(32));
+        Process impostor = b.start();
+        String out = new String(impostor.getInputStream().readAllBytes(), StandardCharsets.UTF_8);
+        assertTrue(impostor.waitFor(30, TimeUnit.SECONDS));
+        assertEquals(3, impostor.exitValue(), out);
+        assertTrue(out.contains("the pool's channel failed"), out);
+        awaitTrue("the refusal logged", () -> LOG.messages.subList(before, LOG.messages.size()).stream()
+                .anyMatch(m -> m.contains("refused a connection") && m.contains("does not hold the pool's secret")), 10);
+        // The pool's own workers go on.
+        assertEquals("4", pool.submit("2 + 2;").join().text());
+    }
+
+    @Test
+    void aClientWithoutTheHandshakeGetsNothing() throws Exception {
+        URI address = poolAddress();
+        int before = LOG.messages.size();
+        try (Socket s = new Socket(address.getHost(), address.getPort())) {
+            s.setSoTimeout(15000);
+            // A task frame, as a worker's pool would send it: length, kind EVAL, task 1, a statement.
+            byte[] frame = {0, 0, 0, 20, 2, 0, 0, 0, 0, 0, 0, 0, 1, 6, 0, 0, 0, 6, 'x', ':', '=', '1', ';', ' '};
+            s.getOutputStream().write(frame);
+            s.getOutputStream().flush();
+            InputStream in = s.getInputStream();
+            byte[] got = in.readAllBytes();
+            // Only the pool's greeting: its magic and nonce, then the connection closes.
+            assertEquals(40, got.length);
+            assertEquals("AMBRIX01", new String(got, 0, 8, StandardCharsets.US_ASCII));
+        }
+        awaitTrue("the refusal logged", () -> LOG.messages.subList(before, LOG.messages.size()).stream()
+                .anyMatch(m -> m.contains("refused a connection")), 10);
+        assertEquals("x", pool.submit("x;").join().text());
+    }
+
+    /** The main of a JVM that opens a Slurm pool, prints its jobs, and waits to be killed. */
+    public static final class Opener {
+        public static void main(String[] args) throws Exception {
+            EnginePool p = EnginePool.builder().workers(2).launcher(SlurmLauncher.builder().build())
+                    .listenAddress("127.0.0.1").build();
+            if (!p.awaitWorkers(2, Duration.ofSeconds(60))) throw new IllegalStateException("no workers");
+            System.out.println("jobs " + String.join(",", p.workerStates().stream().map(WorkerState::job).toList()));
+            System.out.flush();
+            Thread.sleep(120_000);
+        }
+    }
+
+    @Test
+    void noJobOutlivesAPoolWhoseJvmIsKilled() throws Exception {
+        String launcher = ProcessHandle.current().info().command().orElse("java");
+        String classPath = PoolTest.where(EnginePool.class) + java.io.File.pathSeparator
+                + PoolTest.where(SlurmScenario.class);
+        Process opener = new ProcessBuilder(launcher, "-cp", classPath, Opener.class.getName())
+                .redirectErrorStream(true).start();
+        java.io.BufferedReader out = new java.io.BufferedReader(
+                new java.io.InputStreamReader(opener.getInputStream(), StandardCharsets.UTF_8));
+        String line;
+        do {
+            line = out.readLine();
+        } while (line != null && !line.startsWith("jobs "));
+        assertNotNull(line, "the opener printed no jobs");
+        List<String> jobs = List.of(line.substring(5).split(","));
+        assertEquals(2, jobs.size());
+        assertTrue(queued().containsAll(jobs));
+        opener.destroyForcibly().waitFor();
+        awaitTrue("the killed pool's jobs ended", () -> {
+            try {
+                return queued().stream().noneMatch(jobs::contains);
+            } catch (IOException | InterruptedException x) {
+                return false;
+            }
+        }, 15);
+    }
+
+    @Test
+    void awaitWorkersAnswersFalseWhenTheTimePasses() {
+        assertFalse(pool.awaitWorkers(3, Duration.ofMillis(200)));
+        assertTrue(pool.awaitWorkers(1, Duration.ofSeconds(60)));
+        assertNotEquals(0, pool.workerStates().size());
+    }
+}
