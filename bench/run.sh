@@ -20,7 +20,18 @@ calls=1000000
 
 . "$(dirname "$0")/../tests/common.sh" "$build"
 out=$(mktemp)
-trap 'rm -f "$out"' EXIT
+cluster=$(mktemp -d)
+slurm_tests=$(cd "$(dirname "$0")/../tests/slurm" && pwd)
+trap '"$slurm_tests/cluster.sh" stop "$cluster" >/dev/null 2>&1 || true; rm -rf "$out" "$cluster"' EXIT
+# The pool's Slurm rows want a cluster: a single-node one on this machine, as the tests start it.
+if [[ -z ${SLURM_CONF-} && $(id -u) == 0 ]] && command -v slurmctld >/dev/null; then
+  if conf=$("$slurm_tests/cluster.sh" start "$cluster" 2>"$cluster.err"); then
+    export SLURM_CONF=$conf
+  else
+    echo "(no Slurm cluster for the benchmark: $(cat "$cluster.err"))"
+  fi
+  rm -f "$cluster.err"
+fi
 # A fixed, pre-touched heap: the figures that allocate (toArray, new
 # wrappers) then measure the JVM's allocation, not the OS's page faults.
 [[ " ${args[*]-} " == *" --smoke "* ]] || jvm_opts+=(-Xms3g -Xmx3g -XX:+AlwaysPreTouch)
@@ -30,7 +41,8 @@ LD_PRELOAD=$sanitizer_preload java "${jvm_opts[@]}" \
   -cp "$build/java/ambrix.jar:$build/java/bench.jar" com.quorbit.ambrix.bench.Bench "${args[@]}" 2>&1 | tee "$out"
 status=${PIPESTATUS[0]}
 # The notebook kernel, through Debian's jupyter_client (when it is installed).
-if /usr/bin/python3 -c "import jupyter_client" 2>/dev/null; then
+if [[ " ${args[*]-} " != *" --values "* && " ${args[*]-} " != *" --pool "* && " ${args[*]-} " != *" --mark "* ]] \
+   && /usr/bin/python3 -c "import jupyter_client" 2>/dev/null; then
   KERNEL_PRELOAD=$sanitizer_preload /usr/bin/python3 "$(dirname "$0")/notebook.py" "$build" "${args[@]}" 2>&1 | tee -a "$out"
   [[ ${PIPESTATUS[0]} == 0 ]] || status=1
 fi

@@ -180,10 +180,11 @@ final class PoolBench {
         }
         throughput(engine, smoke, cores);
         starts(smoke, cores);
+        SlurmBench.run(engine, smoke, cores);
     }
 
-    /** Tasks of about 50 ms of kernel loop: one worker, as many as cores, and one in-process engine. */
-    private static void throughput(Engine engine, boolean smoke, int cores) throws Exception {
+    /** A kernel loop of about 50 ms on this machine (a short one for smoke runs). */
+    static String busyTask(Engine engine, boolean smoke) {
         long n = 1000;
         String loop = "for i to " + n + " do end do:";
         if (!smoke) {
@@ -200,8 +201,13 @@ final class PoolBench {
             }
             loop = "for i to " + n + " do end do:";
         }
+        return loop;
+    }
+
+    /** Tasks of about 50 ms of kernel loop: one worker, as many as cores, and one in-process engine. */
+    private static void throughput(Engine engine, boolean smoke, int cores) throws Exception {
         int tasks = smoke ? 4 : 8 * cores;
-        String task = loop;
+        String task = busyTask(engine, smoke);
         double one;
         double all;
         try (EnginePool pool = EnginePool.builder().workers(1).resetEveryTask(false).build()) {
@@ -224,7 +230,7 @@ final class PoolBench {
                 Bench.Target.NONE);
     }
 
-    private static double tasksPerSecond(EnginePool pool, String task, int tasks) {
+    static double tasksPerSecond(EnginePool pool, String task, int tasks) {
         for (int i = 0; i < 2; i++) pool.submit(task).join();
         long start = System.nanoTime();
         java.util.List<CompletableFuture<?>> all = new ArrayList<>();
