@@ -48,7 +48,10 @@ import java.util.concurrent.atomic.AtomicLong;
  *
  * <p>Workers talk to the pool over Unix-domain sockets in a folder only
  * the user can open, and end by themselves when the pool's JVM ends,
- * however it ends.
+ * however it ends. With another {@link Launcher}, such as
+ * {@link SlurmLauncher}, workers run anywhere (as a cluster's jobs) and
+ * connect back over TCP, proving that they hold the pool's secret; see
+ * {@link Builder#launcher}.
  *
  * <p>A thread that waits for a task's future with {@code join} or
  * {@code get} reads the worker's answer itself, so the answer wakes it

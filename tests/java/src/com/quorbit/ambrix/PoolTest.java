@@ -477,10 +477,33 @@ class PoolTest {
     }
 
     @Test
+    void aLocalPoolReportsItsWorkersAndWaitsForThem() throws Exception {
+        awaitWorkers(pool, 2, java.util.List.of());
+        assertTrue(pool.awaitWorkers(2, Duration.ofSeconds(10)));
+        assertFalse(pool.awaitWorkers(3, Duration.ofMillis(100)), "a pool of two has no third worker");
+        for (com.quorbit.ambrix.pool.WorkerState s : pool.workerStates()) {
+            assertEquals(new com.quorbit.ambrix.pool.WorkerState("localhost", null,
+                    com.quorbit.ambrix.pool.WorkerState.Status.READY), s);
+        }
+        try (Session s = pool.session()) {
+            assertEquals(java.util.List.of(com.quorbit.ambrix.pool.WorkerState.Status.READY,
+                    com.quorbit.ambrix.pool.WorkerState.Status.BUSY), pool.workerStates().stream()
+                    .map(com.quorbit.ambrix.pool.WorkerState::status).sorted().toList());
+            assertEquals("1", s.evaluate("1;").text());
+        }
+    }
+
+    @Test
     void aBadBuilderSettingIsRefused() {
         assertThrows(IllegalArgumentException.class, () -> EnginePool.builder().workers(0));
         assertThrows(IllegalArgumentException.class, () -> EnginePool.builder().timeLimit(Duration.ZERO));
         assertThrows(IllegalArgumentException.class, () -> EnginePool.builder().memoryLimit(0));
+        assertThrows(IllegalArgumentException.class, () -> EnginePool.builder().launcher(null));
+        assertThrows(IllegalArgumentException.class, () -> EnginePool.builder().heartbeatTimeout(Duration.ZERO));
+        assertThrows(IllegalArgumentException.class,
+                () -> com.quorbit.ambrix.pool.SlurmLauncher.builder().cpusPerWorker(0));
+        assertThrows(IllegalArgumentException.class,
+                () -> com.quorbit.ambrix.pool.SlurmLauncher.builder().jobTime(Duration.ofSeconds(30)));
         VexelException e = assertThrows(VexelException.class,
                 () -> EnginePool.builder().workers(1).kernelArguments("-bogus").build());
         assertTrue(e.getMessage().contains("unknown option -bogus"), e.getMessage());
