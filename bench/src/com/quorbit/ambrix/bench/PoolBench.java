@@ -49,16 +49,8 @@ final class PoolBench {
             }
         }
 
-        /** One round trip of a frame of `size` bytes in all; nanoseconds. */
         long roundTrip(ByteBuffer frame) throws IOException {
-            long start = System.nanoTime();
-            frame.rewind();
-            while (frame.hasRemaining()) channel.write(frame);
-            ByteBuffer back = ByteBuffer.allocate(frame.capacity());
-            while (back.hasRemaining()) {
-                if (channel.read(back) < 0) throw new IOException("the echo ended");
-            }
-            return System.nanoTime() - start;
+            return PoolBench.roundTrip(channel, frame);
         }
 
         static ByteBuffer frame(int size) {
@@ -73,6 +65,18 @@ final class PoolBench {
             process.destroyForcibly();
             Files.deleteIfExists(dir);
         }
+    }
+
+    /** One round trip of the frame through an echo on the channel; nanoseconds. */
+    static long roundTrip(SocketChannel channel, ByteBuffer frame) throws IOException {
+        long start = System.nanoTime();
+        frame.rewind();
+        while (frame.hasRemaining()) channel.write(frame);
+        ByteBuffer back = ByteBuffer.allocate(frame.capacity());
+        while (back.hasRemaining()) {
+            if (channel.read(back) < 0) throw new IOException("the echo ended");
+        }
+        return System.nanoTime() - start;
     }
 
     static String javaCommand() {

@@ -41,14 +41,7 @@ final class SlurmBench {
         }
 
         long roundTrip(ByteBuffer frame) throws IOException {
-            long start = System.nanoTime();
-            frame.rewind();
-            while (frame.hasRemaining()) channel.write(frame);
-            ByteBuffer back = ByteBuffer.allocate(frame.capacity());
-            while (back.hasRemaining()) {
-                if (channel.read(back) < 0) throw new IOException("the echo ended");
-            }
-            return System.nanoTime() - start;
+            return PoolBench.roundTrip(channel, frame);
         }
 
         @Override

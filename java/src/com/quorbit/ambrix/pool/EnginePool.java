@@ -537,20 +537,36 @@ public final class EnginePool implements AutoCloseable {
                 } finally {
                     closeQuietly(rendezvous);
                 }
-                boolean late;
-                synchronized (lock) {
-                    late = closed;
-                }
-                if (late) {
-                    w.stop("pool closed", Duration.ZERO);
-                } else {
-                    release(w);
-                }
+                admit(w);
             });
         } catch (java.util.concurrent.RejectedExecutionException e) {
             // closed meanwhile
             launched.cancel();
             closeQuietly(rendezvous);
+        }
+    }
+
+    /** A worker that became ready after the build: free for tasks, or ended when the pool closed meanwhile. */
+    private void admit(Worker w) {
+        boolean late;
+        synchronized (lock) {
+            late = closed;
+        }
+        if (late) {
+            w.stop("pool closed", Duration.ZERO);
+        } else {
+            release(w);
+        }
+    }
+
+    /** Fails every queued request, tasks and session requests alike. */
+    private static void failAll(java.util.List<Object> requests, RuntimeException failure) {
+        for (Object request : requests) {
+            if (request instanceof Task t) {
+                t.future.completeExceptionally(failure);
+            } else {
+                ((CompletableFuture<?>) request).completeExceptionally(failure);
+            }
         }
     }
 
@@ -591,14 +607,7 @@ public final class EnginePool implements AutoCloseable {
         }
         LOG.log(Level.ERROR, "worker slot " + slot.index + " gave up after " + FAILED_LAUNCHES
                 + " launches in a row ended before they were ready: " + why);
-        VexelException failure = new VexelException("no worker could be started: " + why);
-        for (Object request : stranded) {
-            if (request instanceof Task t) {
-                t.future.completeExceptionally(failure);
-            } else {
-                ((CompletableFuture<?>) request).completeExceptionally(failure);
-            }
-        }
+        failAll(stranded, new VexelException("no worker could be started: " + why));
     }
 
     /**
@@ -783,15 +792,7 @@ public final class EnginePool implements AutoCloseable {
         CompletableFuture.supplyAsync(() -> startLocal(slot), starters).whenComplete((fresh, failure) -> {
             if (fresh != null) {
                 LOG.log(Level.INFO, "worker " + fresh.name() + " replaced worker " + w.name());
-                boolean late;
-                synchronized (lock) {
-                    late = closed;
-                }
-                if (late) {
-                    fresh.stop("pool closed", Duration.ZERO);
-                } else {
-                    release(fresh);
-                }
+                admit(fresh);
             } else {
                 LOG.log(Level.ERROR, "worker " + w.name() + " could not be replaced: " + failure);
             }
@@ -1031,14 +1032,7 @@ public final class EnginePool implements AutoCloseable {
             waiting.clear();
             idle.clear();
         }
-        WorkerLostException closedPool = closedError();
-        for (Object request : queued) {
-            if (request instanceof Task t) {
-                t.future.completeExceptionally(closedPool);
-            } else {
-                ((CompletableFuture<?>) request).completeExceptionally(closedPool);
-            }
-        }
+        failAll(queued, closedError());
         if (heartbeats != null) {
             heartbeats.close();
         }

@@ -115,6 +115,17 @@ class SlurmScenario {
         }
     }
 
+    /** Waits until squeue lists none of the jobs. */
+    static void awaitJobsEnded(List<String> jobs, int seconds) throws InterruptedException {
+        awaitTrue("jobs " + jobs + " ended", () -> {
+            try {
+                return queued().stream().noneMatch(jobs::contains);
+            } catch (IOException | InterruptedException x) {
+                return false;
+            }
+        }, seconds);
+    }
+
     static String busyJob() {
         return pool.workerStates().stream().filter(s -> s.status() == WorkerState.Status.BUSY)
                 .map(WorkerState::job).findFirst().orElseThrow();
@@ -177,13 +188,7 @@ class SlurmScenario {
         WorkerLostException e = assertInstanceOf(WorkerLostException.class,
                 assertThrows(CompletionException.class, spinning::join).getCause());
         assertEquals("killed after the time limit of 0.3 s passed and a grace of 0.5 s", e.reason());
-        awaitTrue("job " + job + " ended", () -> {
-            try {
-                return !queued().contains(job);
-            } catch (IOException | InterruptedException x) {
-                return false;
-            }
-        }, 15);
+        awaitJobsEnded(List.of(job), 15);
         assertTrue(pool.awaitWorkers(2, Duration.ofSeconds(60)));
         assertEquals("2", pool.submit("1 + 1;").join().text());
     }
@@ -212,13 +217,7 @@ class SlurmScenario {
             long seconds = TimeUnit.NANOSECONDS.toSeconds(System.nanoTime() - start);
             assertEquals("no heartbeat for 3 s", e.reason());
             assertTrue(seconds < 15, "found after " + seconds + " s");
-            awaitTrue("job " + job + " ended", () -> {
-                try {
-                    return !queued().contains(job);
-                } catch (IOException | InterruptedException x) {
-                    return false;
-                }
-            }, 20);
+            awaitJobsEnded(List.of(job), 20);
             assertTrue(p.awaitWorkers(1, Duration.ofSeconds(60)));
             assertEquals("3", p.submit("1 + 2;").join().text());
         }
@@ -312,13 +311,7 @@ class SlurmScenario {
         assertEquals(2, jobs.size());
         assertTrue(queued().containsAll(jobs));
         opener.destroyForcibly().waitFor();
-        awaitTrue("the killed pool's jobs ended", () -> {
-            try {
-                return queued().stream().noneMatch(jobs::contains);
-            } catch (IOException | InterruptedException x) {
-                return false;
-            }
-        }, 15);
+        awaitJobsEnded(jobs, 15);
     }
 
     @Test
