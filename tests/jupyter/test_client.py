@@ -265,6 +265,9 @@ class VexelClientTests(unittest.TestCase):
         self.assertIn("text/latex", self.run_cell("x^2;")[1][-1]["content"]["data"])
         reply, _ = self.run_cell("%display fancy")
         self.assertEqual(reply["status"], "error")
+        # A table of more than 400 entries stays plain; one of 400 is typeset.
+        self.assertIn("text/latex", self.run_cell("Matrix(20, 20);")[1][-1]["content"]["data"])
+        self.assertNotIn("text/latex", self.run_cell("Matrix(20, 21);")[1][-1]["content"]["data"])
 
     def test_an_error_is_red_and_a_bad_plot_is_the_kernels_error(self):
         reply, out = self.run_cell("plot(x, x = 1..0);")
