@@ -80,7 +80,12 @@ std::string escaped(const std::string &s) {
             case '>': r += "&gt;"; break;
             case '&': r += "&amp;"; break;
             case '"': r += "&quot;"; break;
-            default: r += c;
+            default:
+                // The kernel's 8-bit text as character references, so the document is ASCII.
+                if (static_cast<unsigned char>(c) >= 128)
+                    r += "&#" + std::to_string(static_cast<unsigned char>(c)) + ";";
+                else
+                    r += c;
         }
     }
     return r;
@@ -128,8 +133,8 @@ std::string svg(const std::vector<Curve> &curves, double a, double b) {
     }
     auto sx = [&](double x) { return kLeft + (x - a) / (b - a) * (kRight - kLeft); };
     auto sy = [&](double y) { return kBottom - (y - lo) / (hi - lo) * (kBottom - kTop); };
-    std::string s = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-                    "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"" + num(kWidth) + "\" height=\"" +
+    // No XML declaration: the document is ASCII (see escaped), and some readers refuse one in a string.
+    std::string s = "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"" + num(kWidth) + "\" height=\"" +
                     num(kHeight) + "\" viewBox=\"0 0 " + num(kWidth) + " " + num(kHeight) +
                     "\" font-family=\"sans-serif\" font-size=\"12\">\n"
                     "<rect width=\"100%\" height=\"100%\" fill=\"white\"/>\n";

@@ -60,7 +60,7 @@ final class ShellCallBacks extends EngineCallBacksDefault {
         while (true) {
             java.nio.file.Path file = java.nio.file.Path.of("vexel-plot-" + ++plots + ".svg");
             try {
-                java.nio.file.Files.writeString(file, svg, java.nio.charset.StandardCharsets.ISO_8859_1,
+                java.nio.file.Files.writeString(file, svg, java.nio.charset.StandardCharsets.UTF_8,
                         java.nio.file.StandardOpenOption.CREATE_NEW, java.nio.file.StandardOpenOption.WRITE);
                 return file.toString();
             } catch (java.nio.file.FileAlreadyExistsException e) {

@@ -330,7 +330,7 @@ class PoolTest {
         Result plotted = pool.submit("plot(x, x = 0..1); plot([x, x^2], x = 0..1); 7;").join();
         assertEquals("7", plotted.text());
         assertEquals(2, plotted.plots().size());
-        assertTrue(plotted.plots().get(1).startsWith("<?xml") && plotted.plots().get(1).contains("class=\"legend\""));
+        assertTrue(plotted.plots().get(1).startsWith("<svg") && plotted.plots().get(1).contains("class=\"legend\""));
         assertEquals(java.util.List.of(), pool.submit("1;").join().plots());
     }
 
