@@ -126,9 +126,24 @@ class SlurmScenario {
         }, seconds);
     }
 
-    static String busyJob() {
-        return pool.workerStates().stream().filter(s -> s.status() == WorkerState.Status.BUSY)
-                .map(WorkerState::job).findFirst().orElseThrow();
+    /** A task and the job that runs it. */
+    record Running(CompletableFuture<Result> task, String job) {
+    }
+
+    /**
+     * Submits a task once every worker is idle (a worker also counts as busy
+     * while it resets after a task), so that the one busy worker is the
+     * task's.
+     */
+    static Running submitAlone(String statement, Duration limit) throws InterruptedException {
+        assertTrue(pool.awaitWorkers(2, Duration.ofSeconds(60)), pool.workerStates().toString());
+        awaitTrue("every worker idle", () -> pool.workerStates().stream()
+                .allMatch(s -> s.status() == WorkerState.Status.READY), 30);
+        CompletableFuture<Result> task = pool.submit(statement, limit);
+        awaitTrue("a busy worker", () -> pool.workerStates().stream()
+                .anyMatch(s -> s.status() == WorkerState.Status.BUSY), 10);
+        return new Running(task, pool.workerStates().stream().filter(s -> s.status() == WorkerState.Status.BUSY)
+                .map(WorkerState::job).findFirst().orElseThrow());
     }
 
     @Test
@@ -164,10 +179,9 @@ class SlurmScenario {
 
     @Test
     void aCancelledJobFailsItsTaskNamingTheJobAndIsReplaced() throws Exception {
-        CompletableFuture<Result> running = pool.submit("for i to 10^9 do end do;");
-        awaitTrue("a busy worker", () -> pool.workerStates().stream()
-                .anyMatch(s -> s.status() == WorkerState.Status.BUSY), 10);
-        String job = busyJob();
+        Running r = submitAlone("for i to 10^9 do end do;", null);
+        CompletableFuture<Result> running = r.task();
+        String job = r.job();
         run("scancel", job);
         WorkerLostException e = assertInstanceOf(WorkerLostException.class,
                 assertThrows(CompletionException.class, running::join).getCause());
@@ -180,14 +194,12 @@ class SlurmScenario {
 
     @Test
     void aTaskPastItsTimeLimitIsKilledThroughSlurm() throws Exception {
-        assertTrue(pool.awaitWorkers(2, Duration.ofSeconds(60)));
-        CompletableFuture<Result> spinning = pool.submit("spin();", Duration.ofMillis(300));
-        awaitTrue("a busy worker", () -> pool.workerStates().stream()
-                .anyMatch(s -> s.status() == WorkerState.Status.BUSY), 10);
-        String job = busyJob();
+        Running r = submitAlone("spin();", Duration.ofSeconds(1));
+        CompletableFuture<Result> spinning = r.task();
+        String job = r.job();
         WorkerLostException e = assertInstanceOf(WorkerLostException.class,
                 assertThrows(CompletionException.class, spinning::join).getCause());
-        assertEquals("killed after the time limit of 0.3 s passed and a grace of 0.5 s", e.reason());
+        assertEquals("killed after the time limit of 1 s passed and a grace of 0.5 s", e.reason());
         awaitJobsEnded(List.of(job), 15);
         assertTrue(pool.awaitWorkers(2, Duration.ofSeconds(60)));
         assertEquals("2", pool.submit("1 + 1;").join().text());
