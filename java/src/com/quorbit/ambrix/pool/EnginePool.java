@@ -996,7 +996,9 @@ public final class EnginePool implements AutoCloseable {
     }
 
     /**
-     * The process ids of the workers alive now.
+     * The process ids of the workers alive now, on this machine; workers of
+     * another launcher (a cluster's jobs) have none here: see
+     * {@link #workerStates()}.
      *
      * @return the ids
      */
