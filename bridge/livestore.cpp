@@ -62,9 +62,9 @@ void throwAgain(JNIEnv *env, jthrowable aside) {
     env->DeleteLocalRef(aside);
 }
 
-// The registered wrappers' handles, through LiveStore.mark on `env`: the
-// room's address and the count before its first 0; false when the pass
-// failed (its exception cleared).
+// The registered wrappers' handles, through LiveStore.mark on `env`, in
+// the room that holds their count and then them; false when the pass failed
+// (its exception cleared).
 bool readHandles(JNIEnv *env, CallBackFrontEnd *frontEnd, Marks &marks) {
     jobject room = env->CallStaticObjectMethod(lookups.liveStore, lookups.liveMark, frontEnd->liveAlgebStore);
     // The pass may have disposed withdrawn wrappers: handles read before the
@@ -74,10 +74,8 @@ bool readHandles(JNIEnv *env, CallBackFrontEnd *frontEnd, Marks &marks) {
     if (read) {
         auto *handles = static_cast<const jlong *>(env->GetDirectBufferAddress(room));
         jlong capacity = env->GetDirectBufferCapacity(room);
-        read = handles != nullptr && capacity >= 0;
-        size_t count = 0;
-        while (read && count < static_cast<size_t>(capacity) && handles[count] != 0) count++;
-        marks = {reinterpret_cast<const ALGEB *>(handles), count};
+        read = handles != nullptr && capacity >= 1 && handles[0] >= 0 && handles[0] < capacity;
+        if (read) marks = {reinterpret_cast<const ALGEB *>(handles + 1), static_cast<size_t>(handles[0])};
     }
     if (env->ExceptionCheck()) {
         env->ExceptionClear();
@@ -92,7 +90,7 @@ bool readHandles(JNIEnv *env, CallBackFrontEnd *frontEnd, Marks &marks) {
 // When there is no memory for the scratch space they stay as they are.
 Marks sorted(Marks marks) {
     size_t n = marks.count;
-    if (n < kSortedFrom || n > UINT32_MAX) return marks;
+    if (n < kSortedFrom) return marks;
     if (n > sortRoom) {
         auto *grown = static_cast<ALGEB *>(realloc(sortScratch, 2 * n * sizeof(ALGEB)));
         if (grown == nullptr) return marks;
@@ -102,22 +100,20 @@ Marks sorted(Marks marks) {
     auto *from = reinterpret_cast<const uintptr_t *>(marks.handles);
     auto *to = reinterpret_cast<uintptr_t *>(sortScratch);
     auto *spare = to + n;
-    // Every byte's counts in one read of the handles; then a scatter per byte.
-    constexpr unsigned kBytes = sizeof(uintptr_t);
-    static uint32_t counts[kBytes][256];
-    for (auto &byte : counts)
-        for (uint32_t &c : byte) c = 0;
-    for (size_t i = 0; i < n; i++)
-        for (unsigned b = 0; b < kBytes; b++) counts[b][(from[i] >> (8 * b)) & 0xFF]++;
-    for (unsigned b = 0; b < kBytes; b++) {
-        unsigned shift = 8 * b;
-        if (counts[b][(from[0] >> shift) & 0xFF] == n) continue;
-        for (uint32_t i = 0, sum = 0; i < 256; i++) {
-            uint32_t c = counts[b][i];
-            counts[b][i] = sum;
+    for (unsigned shift = 0; shift < 8 * sizeof(uintptr_t); shift += 8) {
+        // A byte's counts, then a scatter by it; a byte all handles share is skipped.
+        size_t counts[256] = {};
+        for (size_t i = 0; i < n; i++) counts[(from[i] >> shift) & 0xFF]++;
+        if (counts[(from[0] >> shift) & 0xFF] == n) continue;
+        for (size_t i = 0, sum = 0; i < 256; i++) {
+            size_t c = counts[i];
+            counts[i] = sum;
             sum += c;
         }
-        for (size_t i = 0; i < n; i++) to[counts[b][(from[i] >> shift) & 0xFF]++] = from[i];
+        for (size_t i = 0; i < n; i++) {
+            uintptr_t v = from[i];
+            to[counts[(v >> shift) & 0xFF]++] = v;
+        }
         // The room is Java's: the passes after the first alternate between
         // the two halves of the scratch space.
         from = to;

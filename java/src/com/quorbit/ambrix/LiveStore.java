@@ -116,9 +116,10 @@ final class LiveStore {
         return true;
     }
 
+    /** Room for this many handles and their count. */
     private static void reserve(int wrappers) {
-        if (room.capacity() < wrappers) {
-            room = newRoom(Math.max(wrappers, 2 * room.capacity()));
+        if (room.capacity() < wrappers + 1) {
+            room = newRoom(Math.max(wrappers + 1, 2 * room.capacity()));
         }
     }
 
@@ -128,10 +129,10 @@ final class LiveStore {
 
     /**
      * The mark pass: disposes the wrappers withdrawn since the last pass,
-     * drops disposed entries, and returns the room holding the handles of the
-     * others, ended by a 0 when they do not fill it. Called by the native
-     * library, which reads the room in place (and hands large stores to the
-     * kernel in ascending order).
+     * drops disposed entries, and returns the room holding the count of the
+     * others' handles, then the handles. Called by the native library, which
+     * reads the room in place (and hands large stores to the kernel in
+     * ascending order).
      */
     static LongBuffer mark(WeakHashMap<Object, Object> store) {
         for (Object wrapper : withdrawn.keySet()) {
@@ -146,16 +147,14 @@ final class LiveStore {
                 it.remove();
                 continue;
             }
-            if (n == handles.capacity()) {
+            if (n + 1 == handles.capacity()) {
                 // Only a wrapper registered without add() or register() gets
                 // here. The room stays reachable while the native side reads it.
-                room = handles = newRoom(2 * n + 16).put(0, handles, 0, n);
+                room = handles = newRoom(2 * n + 16).put(0, handles, 0, n + 1);
             }
-            handles.put(n++, dag);
+            handles.put(1 + n++, dag);
         }
-        if (n < handles.capacity()) {
-            handles.put(n, 0);
-        }
+        handles.put(0, n);
         return handles;
     }
 
