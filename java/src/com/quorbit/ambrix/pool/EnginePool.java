@@ -131,7 +131,7 @@ public final class EnginePool implements AutoCloseable {
             } catch (IOException e) {
                 throw new VexelException("cannot listen for workers: " + e.getMessage());
             }
-            heartbeats = new Heartbeats(this, b.heartbeatTimeout);
+            heartbeats = new Heartbeats(b.heartbeatTimeout);
         } else {
             socketFolder = SocketFolders.make();
             transport = Transport.local(socketFolder);
@@ -392,7 +392,7 @@ public final class EnginePool implements AutoCloseable {
                 launchAndWait(slot);
             }
             synchronized (lock) {
-                if (Arrays.stream(slots).allMatch(s -> s.gaveUp != null)) {
+                if (noSlotLeft()) {
                     String why = slots[slots.length - 1].gaveUp;
                     closeQuietly();
                     throw new VexelException("no worker could be started: " + why);
@@ -593,7 +593,7 @@ public final class EnginePool implements AutoCloseable {
             if (!again) {
                 slot.gaveUp = why;
                 lock.notifyAll();
-                if (Arrays.stream(slots).allMatch(s -> s.gaveUp != null)) {
+                if (noSlotLeft()) {
                     // No worker will ever take what waits: it fails with the last reason.
                     stranded = new ArrayList<>(waiting);
                     waiting.clear();
@@ -608,6 +608,11 @@ public final class EnginePool implements AutoCloseable {
         LOG.log(Level.ERROR, "worker slot " + slot.index + " gave up after " + FAILED_LAUNCHES
                 + " launches in a row ended before they were ready: " + why);
         failAll(stranded, new VexelException("no worker could be started: " + why));
+    }
+
+    /** Whether every slot gave up. Under lock. */
+    private boolean noSlotLeft() {
+        return Arrays.stream(slots).allMatch(s -> s.gaveUp != null);
     }
 
     /**
@@ -626,7 +631,7 @@ public final class EnginePool implements AutoCloseable {
                 int ready = 0;
                 int able = 0;
                 for (Slot s : slots) {
-                    if (s.worker != null && s.worker.ready && s.worker.alive()) {
+                    if (s.worker != null && s.worker.serving()) {
                         ready++;
                     }
                     if (s.gaveUp == null) {
@@ -665,7 +670,7 @@ public final class EnginePool implements AutoCloseable {
                 WorkerState.Status status;
                 if (s.gaveUp != null) {
                     status = WorkerState.Status.LOST;
-                } else if (w != null && w.ready && w.alive()) {
+                } else if (w != null && w.serving()) {
                     status = w.busy() ? WorkerState.Status.BUSY : WorkerState.Status.READY;
                 } else if (l != null && l.queued()) {
                     status = WorkerState.Status.QUEUED;
@@ -1080,22 +1085,8 @@ public final class EnginePool implements AutoCloseable {
 
     /** Waits for a cancelled launch to end, the grace time at most; then kills it. */
     private void endLaunch(Launcher.Launched l) {
-        try {
-            l.ended().get(settings.graceTime.toNanos(), TimeUnit.NANOSECONDS);
-            return;
-        } catch (TimeoutException | ExecutionException e) {
-            l.kill();
-        } catch (InterruptedException e) {
-            Thread.currentThread().interrupt();
-            l.kill();
-            return;
-        }
-        try {
-            l.ended().get(10, TimeUnit.SECONDS);
-        } catch (TimeoutException | ExecutionException e) {
+        if (!Worker.endWithin(l, settings.graceTime.toNanos()) && !Thread.currentThread().isInterrupted()) {
             LOG.log(Level.WARNING, "a worker did not end after it was killed");
-        } catch (InterruptedException e) {
-            Thread.currentThread().interrupt();
         }
     }
 }

@@ -30,7 +30,7 @@ final class Heartbeats implements Closeable {
     private final Thread thread;
     private volatile boolean closed;
 
-    Heartbeats(EnginePool pool, Duration timeout) {
+    Heartbeats(Duration timeout) {
         timeoutNanos = timeout.toNanos();
         intervalNanos = Math.min(TimeUnit.SECONDS.toNanos(1), timeoutNanos / 4);
         try {

@@ -68,6 +68,23 @@ final class LocalLauncher implements Launcher {
         return home + File.separator + "bin" + File.separator + "java";
     }
 
+    /**
+     * The resident memory of a process ("self" for this one) in bytes, from
+     * /proc; -1 when it cannot be read (ended, or no /proc).
+     */
+    static long residentBytes(String pid) {
+        try {
+            for (String line : Files.readAllLines(Path.of("/proc", pid, "status"))) {
+                if (line.startsWith("VmRSS:")) {
+                    return Long.parseLong(line.substring(6).trim().split("\\s+")[0]) * 1024;
+                }
+            }
+        } catch (IOException | RuntimeException e) {
+            // ended, or no /proc
+        }
+        return -1;
+    }
+
     /** "signal 11 (SIGSEGV)" for a death by signal (status 128 + n), else "exit status n". */
     static String exitReason(int status) {
         if (status > 128 && status < 128 + 32) {
@@ -175,17 +192,7 @@ final class LocalLauncher implements Launcher {
 
         @Override
         public long residentBytes() {
-            try {
-                for (String line : Files.readAllLines(Path.of("/proc", Long.toString(process.pid()), "status"))) {
-                    if (line.startsWith("VmRSS:")) {
-                        String[] parts = line.substring(6).trim().split("\\s+");
-                        return Long.parseLong(parts[0]) * 1024;
-                    }
-                }
-            } catch (IOException | RuntimeException e) {
-                // ended, or no /proc
-            }
-            return -1;
+            return LocalLauncher.residentBytes(Long.toString(process.pid()));
         }
 
         @Override

@@ -54,6 +54,9 @@ abstract class Transport implements Closeable {
         Channels await(Launcher.Launched launched, long timeoutNanos) throws IOException;
     }
 
+    /** How long a local worker may take to connect; a remote one waits as long as its job lives. */
+    static final long LOCAL_CONNECT_NANOS = TimeUnit.SECONDS.toNanos(60);
+
     /** A new meeting point for one launch. */
     abstract Rendezvous open() throws IOException;
 
@@ -176,11 +179,6 @@ abstract class Transport implements Closeable {
             acceptor = new Thread(this::acceptAll, "ambrix-pool-listener");
             acceptor.setDaemon(true);
             acceptor.start();
-        }
-
-        /** Where workers connect: tcp://host:port. */
-        String address() {
-            return advertised;
         }
 
         private void acceptAll() {
@@ -319,7 +317,4 @@ abstract class Transport implements Closeable {
             }
         }
     }
-
-    /** Used where no wait is wanted: how long a local worker may take to connect. */
-    static final long LOCAL_CONNECT_NANOS = TimeUnit.SECONDS.toNanos(60);
 }

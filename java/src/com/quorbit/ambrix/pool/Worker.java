@@ -1,30 +1,17 @@
 package com.quorbit.ambrix.pool;
 
-import java.io.File;
 import java.io.IOException;
-import java.io.InputStreamReader;
 import java.io.OutputStream;
-import java.io.BufferedReader;
-import java.nio.charset.StandardCharsets;
-import java.nio.file.Files;
-import java.nio.file.Path;
 import java.time.Duration;
-import java.util.ArrayDeque;
-import java.util.ArrayList;
 import java.util.concurrent.CompletableFuture;
 import java.util.concurrent.TimeUnit;
 import java.util.concurrent.atomic.AtomicBoolean;
 import java.util.concurrent.atomic.AtomicInteger;
 import java.util.concurrent.locks.LockSupport;
 import java.util.concurrent.locks.ReentrantLock;
-import java.util.regex.Matcher;
-import java.util.regex.Pattern;
-import java.net.StandardProtocolFamily;
-import java.net.UnixDomainSocketAddress;
 import java.nio.channels.ClosedSelectorException;
 import java.nio.channels.SelectionKey;
 import java.nio.channels.Selector;
-import java.nio.channels.ServerSocketChannel;
 import java.nio.channels.SocketChannel;
 
 /**
@@ -119,6 +106,11 @@ final class Worker {
     /** Whether it runs a task (a reset included) or serves a session. */
     boolean busy() {
         return current != null || session != null;
+    }
+
+    /** Whether its kernel has started and it has not ended: it takes tasks. */
+    boolean serving() {
+        return ready && alive();
     }
 
     boolean alive() {
@@ -255,20 +247,35 @@ final class Worker {
             // A scheduler's job is cancelled as well, so that none outlives the pool.
             launched.cancel();
         }
+        endWithin(launched, grace.toNanos());
         try {
-            if (!awaitEnd(grace.toNanos())) {
-                launched.kill();
-                awaitEnd(TimeUnit.SECONDS.toNanos(10));
-            }
             reader.join(5000);
         } catch (InterruptedException e) {
-            launched.kill();
             Thread.currentThread().interrupt();
         }
     }
 
-    /** Waits for the worker's end; false when the time passed first. */
-    private boolean awaitEnd(long nanos) throws InterruptedException {
+    /**
+     * Waits for a launched worker's end, at most that long; then kills it
+     * and waits 10 s more. An interrupt kills it at once.
+     *
+     * @return false when it did not end even then
+     */
+    static boolean endWithin(Launcher.Launched launched, long nanos) {
+        try {
+            if (awaitEnd(launched, nanos)) {
+                return true;
+            }
+            launched.kill();
+            return awaitEnd(launched, TimeUnit.SECONDS.toNanos(10));
+        } catch (InterruptedException e) {
+            launched.kill();
+            Thread.currentThread().interrupt();
+            return false;
+        }
+    }
+
+    private static boolean awaitEnd(Launcher.Launched launched, long nanos) throws InterruptedException {
         try {
             launched.ended().get(nanos, TimeUnit.NANOSECONDS);
             return true;
@@ -458,14 +465,7 @@ final class Worker {
             return;
         }
         // The connection ended: the worker has, or will in a moment (it halts when its input ends).
-        try {
-            if (!awaitEnd(TimeUnit.SECONDS.toNanos(launched.job() != null ? 10 : 2))) {
-                launched.kill();
-                awaitEnd(TimeUnit.SECONDS.toNanos(10));
-            }
-        } catch (InterruptedException e) {
-            Thread.currentThread().interrupt();
-        }
+        endWithin(launched, TimeUnit.SECONDS.toNanos(launched.job() != null ? 10 : 2));
         if (reason == null) {
             String why = launched.ended().getNow(null);
             reason = why != null ? why : "the connection to the worker closed";

@@ -186,7 +186,7 @@ public final class WorkerMain {
                     Runtime.getRuntime().halt(4);
                 }
                 try {
-                    new Wire.Writer(Wire.HEARTBEAT, 0).number(residentBytes()).send(beats);
+                    new Wire.Writer(Wire.HEARTBEAT, 0).number(LocalLauncher.residentBytes("self")).send(beats);
                 } catch (IOException e) {
                     // The pool is gone: the readers end the process.
                     return;
@@ -195,20 +195,6 @@ public final class WorkerMain {
         }, "ambrix-worker-heartbeats");
         t.setDaemon(true);
         t.start();
-    }
-
-    /** This process's resident memory in bytes, from /proc; -1 where it cannot be read. */
-    private static long residentBytes() {
-        try {
-            for (String line : java.nio.file.Files.readAllLines(java.nio.file.Path.of("/proc/self/status"))) {
-                if (line.startsWith("VmRSS:")) {
-                    return Long.parseLong(line.substring(6).trim().split("\\s+")[0]) * 1024;
-                }
-            }
-        } catch (IOException | RuntimeException e) {
-            // no /proc
-        }
-        return -1;
     }
 
     private interface Loop {
