@@ -33,7 +33,6 @@ import org.zeromq.ZMQ;
  * running cell. SIGINT interrupts as an interrupt request does.
  */
 public final class VexelKernel {
-    private static final Pattern NAME_CHAR = Pattern.compile("[A-Za-z0-9_]");
 
     private final Channels channels;
     private final ZMQ.Context context = ZMQ.context(1);
@@ -478,12 +477,7 @@ public final class VexelKernel {
         if (topic.isEmpty()) {
             return OVERVIEW;
         }
-        int section = switch (level) {
-            case 2 -> Engine.VEXEL_HELP_USAGE;
-            case 3 -> Engine.VEXEL_HELP_EXAMPLES;
-            default -> Engine.VEXEL_HELP_ALL;
-        };
-        String text = help(topic, section);
+        String text = help(topic, StatementScanner.HelpLine.section(level));
         if (text == null) {
             throw new VexelException("no help for " + topic);
         }
@@ -714,11 +708,11 @@ public final class VexelKernel {
     /** The name around the char index: [start, end). */
     private static int[] nameAt(String code, int at, boolean through) {
         int start = at;
-        while (start > 0 && NAME_CHAR.matcher(code.substring(start - 1, start)).matches()) {
+        while (start > 0 && StatementScanner.isNameChar(code.charAt(start - 1))) {
             start--;
         }
         int end = at;
-        while (through && end < code.length() && NAME_CHAR.matcher(code.substring(end, end + 1)).matches()) {
+        while (through && end < code.length() && StatementScanner.isNameChar(code.charAt(end))) {
             end++;
         }
         return new int[] {start, end};

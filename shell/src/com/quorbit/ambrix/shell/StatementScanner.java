@@ -30,6 +30,19 @@ public final class StatementScanner {
      * (3, examples).
      */
     public record HelpLine(String topic, int level) {
+        /**
+         * The help section a level asks for: 1 all, 2 the usage, 3 the examples.
+         *
+         * @param level the number of question marks
+         * @return one of {@code Engine}'s {@code VEXEL_HELP_*} constants
+         */
+        public static int section(int level) {
+            return switch (level) {
+                case 2 -> com.quorbit.ambrix.Engine.VEXEL_HELP_USAGE;
+                case 3 -> com.quorbit.ambrix.Engine.VEXEL_HELP_EXAMPLES;
+                default -> com.quorbit.ambrix.Engine.VEXEL_HELP_ALL;
+            };
+        }
     }
 
     /** The help line this line is, white space around it aside; null when it is none. */

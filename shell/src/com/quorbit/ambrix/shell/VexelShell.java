@@ -362,11 +362,7 @@ public final class VexelShell {
             usage(out);
             return;
         }
-        int section = switch (level) {
-            case 2 -> Engine.VEXEL_HELP_USAGE;
-            case 3 -> Engine.VEXEL_HELP_EXAMPLES;
-            default -> Engine.VEXEL_HELP_ALL;
-        };
+        int section = StatementScanner.HelpLine.section(level);
         boolean ansi = System.console() != null && System.getenv("NO_COLOR") == null;
         HelpPrinter printer = new HelpPrinter(out, ansi, interrupts);
         interrupts.enter(Interrupts.Mode.RUNNING);
