@@ -362,8 +362,9 @@ public final class VexelKernel {
                     }
                 } else {
                     Algebraic value = evaluate(step.text());
-                    if (value != null && !silent) {
-                        show(valueData(value), last, count, m);
+                    JsonObject data = value == null || silent ? null : valueData(value);
+                    if (data != null) {
+                        show(data, last, count, m);
                     }
                 }
             } catch (VexelException e) {
@@ -389,7 +390,7 @@ public final class VexelKernel {
 
     /**
      * Evaluates one statement silently: its value is shown here, apart from
-     * what the kernel prints itself. Null for a statement ending in ":" and
+     * what the kernel prints itself. Null for a statement ending in ":", and
      * for one with no value.
      */
     private Algebraic evaluate(String text) {
@@ -409,10 +410,7 @@ public final class VexelKernel {
             }
             throw e;
         }
-        if (value == null || !shows || value.isStop()) {
-            return null;
-        }
-        return value.toString().isEmpty() ? null : value;
+        return value == null || !shows || value.isStop() ? null : value;
     }
 
     /** "%display plain" and "%display latex": whether values are typeset. */
@@ -428,11 +426,16 @@ public final class VexelKernel {
     /**
      * A value's display data: its printed form, and its LaTeX when values are
      * typeset and the kernel gives it. A kernel without latex, or one that
-     * fails on the value, leaves the text alone.
+     * fails on the value, leaves the text alone. Null for a value that prints
+     * as nothing (NULL).
      */
     private JsonObject valueData(Algebraic value) {
+        String text = value.toString();
+        if (text.isEmpty()) {
+            return null;
+        }
         JsonObject data = new JsonObject();
-        data.addProperty("text/plain", value.toString());
+        data.addProperty("text/plain", text);
         if (!typeset || tooLargeToTypeset(value)) {
             return data;
         }
