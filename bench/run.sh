@@ -21,7 +21,7 @@ calls=1000000
 . "$(dirname "$0")/../tests/common.sh" "$build"
 out=$(mktemp)
 cluster=$(mktemp -d)
-slurm_tests=$(cd "$(dirname "$0")/../tests/slurm" && pwd)
+slurm_tests=$(cd "$(dirname "$0")/../tests/pool/slurm" && pwd)
 trap '"$slurm_tests/cluster.sh" stop "$cluster" >/dev/null 2>&1 || true; rm -rf "$out" "$cluster"' EXIT
 # The pool's Slurm rows want a cluster: a single-node one on this machine, as the tests start it.
 if [[ -z ${SLURM_CONF-} && $(id -u) == 0 ]] && command -v slurmctld >/dev/null; then

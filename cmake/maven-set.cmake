@@ -2,7 +2,7 @@
 #   MAVEN_DIR/com/quorbit/ambrix/VERSION/ambrix-VERSION{.pom,.jar,-sources.jar,-javadoc.jar}
 # with a .sha1 and a .md5 beside each, and MAVEN_DIR/com/quorbit/ambrix/maven-metadata-local.xml,
 # as Maven's own install would. Run with cmake -P and:
-#   MAVEN_DIR VERSION POM JAR SOURCES (the source folder) JAVADOC JAR_TOOL WORK
+#   MAVEN_DIR VERSION POM JAR SOURCES (the source folders, joined by ':') JAVADOC JAR_TOOL WORK
 set(artifact ${MAVEN_DIR}/com/quorbit/ambrix)
 set(folder ${artifact}/${VERSION})
 set(base ${folder}/ambrix-${VERSION})
@@ -18,7 +18,12 @@ endfunction()
 
 file(COPY_FILE ${POM} ${base}.pom)
 file(COPY_FILE ${JAR} ${base}.jar)
-run(${JAR_TOOL} --create --file ${base}-sources.jar -C ${SOURCES} com)
+string(REPLACE ":" ";" source_folders "${SOURCES}")
+set(source_args)
+foreach(folder ${source_folders})
+  list(APPEND source_args -C ${folder} com)
+endforeach()
+run(${JAR_TOOL} --create --file ${base}-sources.jar ${source_args})
 # The Javadoc of the public API; any doclint warning fails the build.
 run(${JAVADOC} -quiet -Xdoclint:all -Werror --release 17 -encoding UTF-8 -d ${WORK}/javadoc
     -sourcepath ${SOURCES} -subpackages com.quorbit -windowtitle "ambrix ${VERSION}"

@@ -12,7 +12,7 @@ out=$(mktemp)
 trap 'rm -f "$out"' EXIT
 LD_PRELOAD=$sanitizer_preload java -Xcheck:jni ${AMBRIX_TEST_JVM_OPTS:-} \
   -jar /usr/share/java/junit-platform-console-standalone.jar \
-  --class-path "$jars/ambrix.jar:$jars/ambrix-tests.jar" \
+  --class-path "$jars/ambrix.jar:$jars/ambrix-tests.jar:$jars/ambrix-pool-tests.jar" \
   --disable-banner --details=tree --fail-if-no-tests "$@" >"$out" 2>&1
 status=$?
 cat "$out"

@@ -29,7 +29,7 @@ import org.junit.jupiter.params.provider.Arguments;
 import org.junit.jupiter.params.provider.MethodSource;
 
 /** Engine.toKernel, Algebraic.toJava and Engine.call. */
-class ConversionTest {
+public class ConversionTest {
     static final BigInteger TWO_64 = BigInteger.ONE.shiftLeft(64);
 
     @BeforeEach
@@ -161,7 +161,7 @@ class ConversionTest {
     }
 
     /** Equality that compares arrays by content, also inside lists, and names by their printed form. */
-    static boolean same(Object a, Object b) {
+    public static boolean same(Object a, Object b) {
         if (a instanceof java.util.List<?> x && b instanceof java.util.List<?> y) {
             if (x.size() != y.size()) return false;
             for (int i = 0; i < x.size(); i++)
@@ -172,7 +172,7 @@ class ConversionTest {
         return Objects.deepEquals(a, b) && (a == null || a.getClass() == b.getClass());
     }
 
-    static String show(Object o) {
+    public static String show(Object o) {
         if (o == null) return "null";
         return (o.getClass().isArray() ? Arrays.deepToString(new Object[] {o}) : o.toString()) + " (" + o.getClass() + ")";
     }
@@ -207,7 +207,7 @@ class ConversionTest {
     }
 
     /** Java values that come back equal from the kernel. */
-    static Stream<Object> roundTrips() {
+    public static Stream<Object> roundTrips() {
         return Stream.of(null, 0L, Long.MIN_VALUE, Long.MAX_VALUE, TWO_64, TWO_64.negate(), 1.5, -0.0, Double.NaN,
             Double.NEGATIVE_INFINITY, Double.MIN_VALUE, "", "text", true, false,
             new double[] {1, Double.NaN, -0.0}, new float[] {Float.MAX_VALUE}, new long[] {Long.MIN_VALUE, 0},
@@ -231,7 +231,7 @@ class ConversionTest {
         assertEquals(java.util.List.of(4L), ENGINE.toKernel(java.util.List.of(BigInteger.valueOf(4))).toJava());
     }
 
-    static Stream<String> kernelRoundTrips() {
+    public static Stream<String> kernelRoundTrips() {
         return Stream.of("2^100", "-2^63", "42", "1.5e-300", "-0.0", "\"s\"", "true", "false", "NULL",
             "[1, [2.5, \"x\"], []]", "[true, false]", "Array(1..2, [1.5, 2.5], datatype = float[8])",
             "Array(1..2, 1..2, [[1, 2], [3, 4]], datatype = integer[4])",

@@ -1,14 +1,14 @@
 package com.quorbit.ambrix;
 
 /** The one engine that the main suite shares, and helpers around it. */
-final class Kernel {
+public final class Kernel {
     static final RecordingCallBacks CALLBACKS = new RecordingCallBacks();
     static final Object DATA = "user-data";
     static final Engine ENGINE = new Engine(new String[] {"-q"}, CALLBACKS, DATA);
 
     private Kernel() {}
 
-    static Algebraic eval(String statement) {
+    public static Algebraic eval(String statement) {
         return ENGINE.evaluate(statement);
     }
 

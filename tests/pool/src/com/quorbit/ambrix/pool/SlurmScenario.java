@@ -1,4 +1,4 @@
-package com.quorbit.ambrix;
+package com.quorbit.ambrix.pool;
 
 import static org.junit.jupiter.api.Assertions.assertEquals;
 import static org.junit.jupiter.api.Assertions.assertFalse;
@@ -8,13 +8,6 @@ import static org.junit.jupiter.api.Assertions.assertNotNull;
 import static org.junit.jupiter.api.Assertions.assertThrows;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 
-import com.quorbit.ambrix.pool.EnginePool;
-import com.quorbit.ambrix.pool.Launcher;
-import com.quorbit.ambrix.pool.Result;
-import com.quorbit.ambrix.pool.Session;
-import com.quorbit.ambrix.pool.SlurmLauncher;
-import com.quorbit.ambrix.pool.WorkerLostException;
-import com.quorbit.ambrix.pool.WorkerState;
 import com.quorbit.externalcall.VexelException;
 import java.io.IOException;
 import java.io.InputStream;
@@ -35,7 +28,7 @@ import org.junit.jupiter.api.Timeout;
 
 /**
  * Pools whose workers are Slurm jobs, on the single-node cluster that
- * tests/slurm/run.sh starts on this machine (SLURM_CONF names it): tasks,
+ * tests/pool/slurm/run.sh starts on this machine (SLURM_CONF names it): tasks,
  * calls and sessions, a job cancelled under a task, limits through Slurm,
  * refused submissions, refused connections, heartbeats, and no job left
  * behind. Each waits with a bound; none is skipped.
@@ -65,7 +58,7 @@ class SlurmScenario {
 
     @BeforeAll
     static void start() {
-        assertNotNull(System.getenv("SLURM_CONF"), "no test cluster: run through tests/slurm/run.sh");
+        assertNotNull(System.getenv("SLURM_CONF"), "no test cluster: run through tests/pool/slurm/run.sh");
         java.util.logging.Logger.getLogger("com.quorbit.ambrix.pool").addHandler(LOG);
         pool = EnginePool.builder().workers(2).launcher(LAUNCHER).listenAddress("127.0.0.1")
                 .kernelArguments("-q", "--test-hooks").initialize("area := proc(w, h) w * h end proc:")

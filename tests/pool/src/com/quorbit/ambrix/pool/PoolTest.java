@@ -1,4 +1,4 @@
-package com.quorbit.ambrix;
+package com.quorbit.ambrix.pool;
 
 import static org.junit.jupiter.api.Assertions.assertEquals;
 import static org.junit.jupiter.api.Assertions.assertFalse;
@@ -7,10 +7,8 @@ import static org.junit.jupiter.api.Assertions.assertNotEquals;
 import static org.junit.jupiter.api.Assertions.assertThrows;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 
-import com.quorbit.ambrix.pool.EnginePool;
-import com.quorbit.ambrix.pool.Result;
-import com.quorbit.ambrix.pool.Session;
-import com.quorbit.ambrix.pool.WorkerLostException;
+import com.quorbit.ambrix.ConversionTest;
+import com.quorbit.ambrix.Kernel;
 import com.quorbit.externalcall.VexelException;
 import java.time.Duration;
 import java.util.concurrent.CompletableFuture;

@@ -12,7 +12,7 @@ trap '"$here/cluster.sh" stop "$work/cluster" || true; rm -rf "$work"' EXIT
 SLURM_CONF=$("$here/cluster.sh" start "$work/cluster")
 export SLURM_CONF
 status=0
-"$here/../java/run-junit.sh" "$build" --select-class com.quorbit.ambrix.SlurmScenario || status=$?
+"$here/../../java/run-junit.sh" "$build" --select-class com.quorbit.ambrix.pool.SlurmScenario || status=$?
 # No job of the tests may be left.
 left=$(squeue -h -o %i -n ambrix-worker)
 if [[ -n $left ]]; then
