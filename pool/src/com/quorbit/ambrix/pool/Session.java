@@ -13,14 +13,19 @@ import java.util.concurrent.ExecutionException;
  * {@link WorkerLostException} that reported the loss.
  */
 public final class Session implements AutoCloseable {
-    private final EnginePool pool;
+    private final Dispatch dispatch;
+    private final Tasks tasks;
+    /** The pool's default time limit, or null. */
+    private final Duration timeLimit;
     private final Worker worker;
     private volatile Task running;
     private volatile WorkerLostException lost;
     private boolean closed;
 
-    Session(EnginePool pool, Worker worker) {
-        this.pool = pool;
+    Session(Dispatch dispatch, Tasks tasks, Duration timeLimit, Worker worker) {
+        this.dispatch = dispatch;
+        this.tasks = tasks;
+        this.timeLimit = timeLimit;
         this.worker = worker;
     }
 
@@ -34,7 +39,7 @@ public final class Session implements AutoCloseable {
      *         a {@link WorkerLostException} when the worker was lost
      */
     public Result evaluate(String statement) {
-        return evaluate(statement, pool.timeLimit());
+        return evaluate(statement, this.timeLimit);
     }
 
     /**
@@ -45,7 +50,7 @@ public final class Session implements AutoCloseable {
      * @return the value of the last, its text and the output
      */
     public Result evaluate(String statement, Duration timeLimit) {
-        return (Result) await(pool.evalTask(statement, timeLimit, false));
+        return (Result) await(tasks.eval(statement, timeLimit, false));
     }
 
     /**
@@ -60,7 +65,7 @@ public final class Session implements AutoCloseable {
      *         argument that cannot be sent
      */
     public Object call(String procedure, Object... args) {
-        return await(pool.callTask(procedure, args, pool.timeLimit(), false));
+        return await(tasks.call(procedure, args, timeLimit, false));
     }
 
     /**
@@ -74,7 +79,7 @@ public final class Session implements AutoCloseable {
      * @throws VexelException "no help for ..." for an unknown topic
      */
     public String help(String topic, int section, int width) {
-        return ((Result) await(pool.helpTask(topic, section, width))).text();
+        return ((Result) await(tasks.help(topic, section, width))).text();
     }
 
     /**
@@ -103,7 +108,7 @@ public final class Session implements AutoCloseable {
             throw new VexelException("Session is closed");
         }
         running = task;
-        if (!worker.run(task)) {
+        if (!dispatch.start(worker, task)) {
             lost = worker.lostException();
             throw lost;
         }
@@ -115,7 +120,7 @@ public final class Session implements AutoCloseable {
                 lost = w;
                 throw w;
             }
-            throw EnginePool.unwrap(cause, "");
+            throw Dispatch.unwrap(cause, "");
         } catch (InterruptedException e) {
             Thread.currentThread().interrupt();
             worker.interrupt(task);
@@ -140,7 +145,7 @@ public final class Session implements AutoCloseable {
         }
         closed = true;
         if (lost == null) {
-            pool.endSession(worker);
+            dispatch.endSession(worker);
         }
     }
 }

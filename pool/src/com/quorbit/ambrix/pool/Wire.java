@@ -4,15 +4,12 @@ import com.quorbit.externalcall.VexelException;
 import java.io.EOFException;
 import java.io.IOException;
 import java.io.OutputStream;
-import java.math.BigInteger;
 import java.nio.ByteBuffer;
 import java.nio.ByteOrder;
 import java.nio.charset.StandardCharsets;
 import java.util.ArrayList;
 import java.util.Arrays;
 import java.util.Collections;
-import java.util.LinkedHashMap;
-import java.util.Map;
 
 /**
  * The protocol between a pool and its workers: length-prefixed frames, each
@@ -47,9 +44,8 @@ final class Wire {
     static final byte DONE = 23;      // (nothing)
 
     // Value tags.
-    private static final byte NULL = 0, FALSE = 1, TRUE = 2, LONG = 3, BIG = 4, DOUBLE = 5, STRING = 6, LIST = 7,
-            MAP = 8, ARRAY = 9, MATRIX = 10;
-    private static final int MAX_DEPTH = 64;
+    static final byte NULL = 0, FALSE = 1, TRUE = 2, LONG = 3, BIG = 4, DOUBLE = 5, STRING = 6, LIST = 7, MAP = 8,
+            ARRAY = 9, MATRIX = 10;
 
     private Wire() {
     }
@@ -198,7 +194,7 @@ final class Wire {
             out.flush();
         }
 
-        private ByteBuffer room(long n) {
+        ByteBuffer room(long n) {
             if (buf.remaining() < n) {
                 long want = Math.max((long) buf.capacity() * 2, buf.position() + n);
                 if (want > MAX_FRAME + 4L) {
@@ -239,140 +235,11 @@ final class Wire {
          * @throws VexelException for a value of another class, or one nested too deep
          */
         Writer value(Object v) {
-            return value(v, 0);
-        }
-
-        private Writer value(Object v, int depth) {
-            if (depth > MAX_DEPTH) {
-                throw new VexelException("Value nested too deep for a worker frame");
-            }
-            if (v == null) {
-                room(1).put(NULL);
-            } else if (v instanceof Boolean b) {
-                room(1).put(b ? TRUE : FALSE);
-            } else if (v instanceof Long || v instanceof Integer || v instanceof Short || v instanceof Byte) {
-                number(((Number) v).longValue());
-            } else if (v instanceof BigInteger b) {
-                byte[] bytes = new BigInteger(b.toByteArray()).toByteArray();
-                room(5 + bytes.length).put(BIG).putInt(bytes.length).put(bytes);
-            } else if (v instanceof Double || v instanceof Float) {
-                room(9).put(DOUBLE).putDouble(((Number) v).doubleValue());
-            } else if (v instanceof String s) {
-                string(s);
-            } else if (v instanceof Character c) {
-                string(c.toString());
-            } else if (v instanceof java.util.List<?> l) {
-                room(5).put(LIST).putInt(l.size());
-                for (Object e : l) {
-                    value(e, depth + 1);
-                }
-            } else if (v instanceof Map<?, ?> m) {
-                room(5).put(MAP).putInt(m.size());
-                for (Map.Entry<?, ?> e : m.entrySet()) {
-                    value(e.getKey(), depth + 1);
-                    value(e.getValue(), depth + 1);
-                }
-            } else if (v.getClass().isArray() && Primitive.of(v.getClass().getComponentType()) != null) {
-                Primitive p = Primitive.of(v.getClass().getComponentType());
-                int n = java.lang.reflect.Array.getLength(v);
-                room(6).put(ARRAY).put(p.code).putInt(n);
-                p.put(room((long) n * p.size), v, 0, n);
-            } else if (v instanceof Object[] rows && rows.getClass().getComponentType().isArray()
-                    && Primitive.of(rows.getClass().getComponentType().getComponentType()) != null
-                    && rectangular(rows)) {
-                Primitive p = Primitive.of(rows.getClass().getComponentType().getComponentType());
-                int columns = rows.length == 0 ? 0 : java.lang.reflect.Array.getLength(rows[0]);
-                room(10).put(MATRIX).put(p.code).putInt(rows.length).putInt(columns);
-                for (Object row : rows) {
-                    p.put(room((long) columns * p.size), row, 0, columns);
-                }
-            } else if (v instanceof Object[] elements) {
-                value(Arrays.asList(elements), depth);
-            } else {
-                throw new VexelException("Cannot send " + v.getClass().getTypeName() + " to a worker");
-            }
+            WireValues.write(this, v, 0);
             return this;
         }
-
-        private static boolean rectangular(Object[] rows) {
-            int columns = -1;
-            for (Object row : rows) {
-                if (row == null) {
-                    return false;
-                }
-                int n = java.lang.reflect.Array.getLength(row);
-                if (columns >= 0 && n != columns) {
-                    return false;
-                }
-                columns = n;
-            }
-            return true;
-        }
     }
 
-    /** The primitive element types of arrays, moved as raw bytes. */
-    enum Primitive {
-        DOUBLE('D', double.class, 8), FLOAT('F', float.class, 4), LONG('J', long.class, 8), INT('I', int.class, 4),
-        SHORT('S', short.class, 2), BYTE('B', byte.class, 1);
-
-        final byte code;
-        final Class<?> type;
-        final int size;
-
-        Primitive(char code, Class<?> type, int size) {
-            this.code = (byte) code;
-            this.type = type;
-            this.size = size;
-        }
-
-        static Primitive of(Class<?> type) {
-            for (Primitive p : values()) {
-                if (p.type == type) {
-                    return p;
-                }
-            }
-            return null;
-        }
-
-        static Primitive ofCode(byte code) {
-            for (Primitive p : values()) {
-                if (p.code == code) {
-                    return p;
-                }
-            }
-            return null;
-        }
-
-        void put(ByteBuffer b, Object array, int from, int n) {
-            switch (this) {
-                case DOUBLE -> b.asDoubleBuffer().put((double[]) array, from, n);
-                case FLOAT -> b.asFloatBuffer().put((float[]) array, from, n);
-                case LONG -> b.asLongBuffer().put((long[]) array, from, n);
-                case INT -> b.asIntBuffer().put((int[]) array, from, n);
-                case SHORT -> b.asShortBuffer().put((short[]) array, from, n);
-                case BYTE -> b.put((byte[]) array, from, n);
-            }
-            if (this != BYTE) {
-                b.position(b.position() + n * size);
-            }
-        }
-
-        Object get(ByteBuffer b, int n) {
-            Object array = java.lang.reflect.Array.newInstance(type, n);
-            switch (this) {
-                case DOUBLE -> b.asDoubleBuffer().get((double[]) array);
-                case FLOAT -> b.asFloatBuffer().get((float[]) array);
-                case LONG -> b.asLongBuffer().get((long[]) array);
-                case INT -> b.asIntBuffer().get((int[]) array);
-                case SHORT -> b.asShortBuffer().get((short[]) array);
-                case BYTE -> b.get((byte[]) array);
-            }
-            if (this != BYTE) {
-                b.position(b.position() + n * size);
-            }
-            return array;
-        }
-    }
 
     /** Decodes a payload's values; every read is checked against what is left. */
     static final class Reader {
@@ -382,7 +249,7 @@ final class Wire {
             b = payload.order(ByteOrder.BIG_ENDIAN);
         }
 
-        private ByteBuffer need(int n) throws WireException {
+        ByteBuffer need(int n) throws WireException {
             if (n < 0 || b.remaining() < n) {
                 throw new WireException("malformed frame: a value is cut off");
             }
@@ -390,7 +257,7 @@ final class Wire {
         }
 
         /** A count of items that take at least `each` bytes apiece. */
-        private int count(int each) throws WireException {
+        int count(int each) throws WireException {
             int n = need(4).getInt();
             if (n < 0 || (long) n * each > b.remaining()) {
                 throw new WireException("malformed frame: a count of " + n + " exceeds the frame");
@@ -438,92 +305,22 @@ final class Wire {
             return l.toArray();
         }
 
+        /** The payload, at what is left of it. */
+        ByteBuffer rest() {
+            return b;
+        }
+
         /** True when the whole payload was read. */
         boolean atEnd() {
             return !b.hasRemaining();
         }
 
+        /** Any value the conversions know. */
         Object value() throws WireException {
-            return value(0);
-        }
-
-        private Object value(int depth) throws WireException {
-            if (depth > MAX_DEPTH) {
-                throw new WireException("malformed frame: values nested too deep");
-            }
-            byte tag = need(1).get();
-            switch (tag) {
-                case NULL:
-                    return null;
-                case FALSE:
-                    return Boolean.FALSE;
-                case TRUE:
-                    return Boolean.TRUE;
-                case LONG:
-                    return need(8).getLong();
-                case BIG: {
-                    byte[] bytes = new byte[count(1)];
-                    b.get(bytes);
-                    if (bytes.length == 0) {
-                        throw new WireException("malformed frame: an empty integer");
-                    }
-                    return new BigInteger(bytes);
-                }
-                case DOUBLE:
-                    return need(8).getDouble();
-                case STRING: {
-                    byte[] bytes = new byte[count(1)];
-                    b.get(bytes);
-                    return new String(bytes, StandardCharsets.UTF_8);
-                }
-                case LIST: {
-                    int n = count(1);
-                    java.util.List<Object> l = new ArrayList<>(n);
-                    for (int i = 0; i < n; i++) {
-                        l.add(value(depth + 1));
-                    }
-                    return Collections.unmodifiableList(l);
-                }
-                case MAP: {
-                    int n = count(2);
-                    Map<Object, Object> m = new LinkedHashMap<>();
-                    for (int i = 0; i < n; i++) {
-                        m.put(value(depth + 1), value(depth + 1));
-                    }
-                    return Collections.unmodifiableMap(m);
-                }
-                case ARRAY: {
-                    Primitive p = primitive();
-                    int n = count(p.size);
-                    return p.get(b, n);
-                }
-                case MATRIX: {
-                    Primitive p = primitive();
-                    int rows = need(4).getInt();
-                    int columns = need(4).getInt();
-                    if (rows < 0 || columns < 0 || (long) rows * columns * p.size > b.remaining()) {
-                        throw new WireException("malformed frame: a table of " + rows + " x " + columns
-                                + " exceeds the frame");
-                    }
-                    Object matrix = java.lang.reflect.Array.newInstance(p.type, rows, 0);
-                    for (int r = 0; r < rows; r++) {
-                        java.lang.reflect.Array.set(matrix, r, p.get(b, columns));
-                    }
-                    return matrix;
-                }
-                default:
-                    throw new WireException("malformed frame: unknown value tag " + tag);
-            }
-        }
-
-        private Primitive primitive() throws WireException {
-            Primitive p = Primitive.ofCode(need(1).get());
-            if (p == null) {
-                throw new WireException("malformed frame: unknown element type");
-            }
-            return p;
+            return WireValues.read(this, 0);
         }
     }
+
 
     /** The stream frames go out on, written directly to the channel. */
     static OutputStream output(java.nio.channels.SocketChannel channel) {

@@ -2,31 +2,30 @@ package com.quorbit.ambrix.pool;
 
 import java.io.IOException;
 import java.io.OutputStream;
+import java.nio.channels.SocketChannel;
 import java.time.Duration;
 import java.util.concurrent.CompletableFuture;
 import java.util.concurrent.TimeUnit;
 import java.util.concurrent.atomic.AtomicBoolean;
-import java.util.concurrent.atomic.AtomicInteger;
-import java.util.concurrent.locks.LockSupport;
-import java.util.concurrent.locks.ReentrantLock;
-import java.nio.channels.ClosedSelectorException;
-import java.nio.channels.SelectionKey;
-import java.nio.channels.Selector;
-import java.nio.channels.SocketChannel;
 
 /**
- * The pool's side of one worker: its two connections, the task it runs, the
- * limits on that task, and its end, which its launcher tells.
- *
- * <p>The channels do not block, so that an interrupted caller's thread
- * never closes them. The answers are read by whichever thread holds
- * {@code reading}: a caller waiting for its task's future when it can (see
- * {@link TaskFuture}), else the worker's reader thread, which leaves the
- * channel to such callers while they wait. Only the reader thread reports
- * the end of the worker.
+ * The pool's link to one worker: its two connections, the task it runs,
+ * and its end, which its launcher tells. It sends tasks and interrupts, and
+ * its {@link Answers} read what comes back. What happens (an answer, the
+ * worker's end) goes to the {@link Events} it was made with; it never calls
+ * the pool's scheduling.
  */
 final class Worker {
-    private final EnginePool pool;
+    /** What a worker reports, on its reader thread. */
+    interface Events {
+        /** A task's answer came and completed it. */
+        void answered(Worker w, Task task);
+
+        /** The worker ended; its task, if any, has failed with this. */
+        void lost(Worker w, WorkerLostException e);
+    }
+
+    private final Events events;
     /** The worker as its launcher sees it: where it runs, how it ends. */
     final Launcher.Launched launched;
     /** The pool's slot the worker fills. */
@@ -41,25 +40,8 @@ final class Worker {
     /** When the last heartbeat came, and the resident memory it reported. */
     volatile long heard = System.nanoTime();
     volatile long reportedBytes = -1;
-    /** What has come of the next answer. Guarded by reading. */
-    private final Wire.Assembler answers = new Wire.Assembler();
-    private final ReentrantLock reading = new ReentrantLock();
-    /** Callers waiting to read the channel, or reading it: the reader thread then leaves it to them. */
-    private final AtomicInteger waiters = new AtomicInteger();
-    /** Whether the reader thread watches the channel, or only looks now and then. */
-    private volatile boolean eager = true;
-    /** How long the reader thread is parked for, in nanoseconds; 0 while it is not. */
-    private volatile long parkedFor;
-    private static final long TICK = TimeUnit.MILLISECONDS.toNanos(1);
-    private static final long MAX_TICK = TimeUnit.MILLISECONDS.toNanos(64);
-    private final Selector readerSelector;
-    /** The selector of the caller that holds reading. */
-    private final Selector waiterSelector;
-    private volatile boolean waiterSelecting;
-    /** Set once the input ended, or failed: nothing more is read. */
-    private volatile boolean inputEnded;
+    private final Answers answers;
     private final AtomicBoolean ended = new AtomicBoolean();
-    private final Thread reader;
     /** Why the pool ended the worker, or what killed it; null while it lives. */
     private volatile String reason;
     /** The task on the worker now, or null. Written holding this. */
@@ -75,23 +57,20 @@ final class Worker {
      *
      * @param launched its launcher's handle
      * @param channels its connections for tasks and for interrupts
+     * @param slot     the pool's slot it fills
+     * @param events   where it reports its answers and its end
      */
-    Worker(EnginePool pool, Launcher.Launched launched, Transport.Channels channels, int slot) throws IOException {
-        this.pool = pool;
+    Worker(Launcher.Launched launched, Transport.Channels channels, int slot, Events events) throws IOException {
+        this.events = events;
         this.launched = launched;
         this.slot = slot;
         this.channel = channels.tasks();
         this.control = channels.control();
         out = Wire.output(channel);
         interrupts = Wire.output(control);
-        readerSelector = Selector.open();
-        waiterSelector = Selector.open();
-        channel.register(readerSelector, SelectionKey.OP_READ);
-        channel.register(waiterSelector, SelectionKey.OP_READ);
-        reader = new Thread(this::readAnswers, "ambrix-worker-" + name());
-        reader.setDaemon(true);
-        reader.start();
-        launched.ended().thenRun(this::wakeReader);
+        answers = new Answers(this, channel);
+        answers.start();
+        launched.ended().thenRun(answers::wakeReader);
     }
 
     /** The worker in messages: its process id, or its job. */
@@ -101,6 +80,11 @@ final class Worker {
 
     long pid() {
         return launched.pid();
+    }
+
+    /** The task on the worker now, or null. */
+    Task current() {
+        return current;
     }
 
     /** Whether it runs a task (a reset included) or serves a session. */
@@ -125,7 +109,7 @@ final class Worker {
         return init.future;
     }
 
-    /** Starts a task on this worker, with its time limit; false when the worker has ended. */
+    /** Sends a task to this worker; false when the worker has ended. */
     boolean run(Task task) {
         synchronized (this) {
             if (!alive()) {
@@ -141,47 +125,34 @@ final class Worker {
                 return true;
             }
         }
-        Thread waiting = task.waiting;
-        if (waiting != null) {
-            LockSupport.unpark(waiting);
-        } else if (task.kind == Wire.RESET || task.future.getNumberOfDependents() > 0) {
-            // No caller will read this answer.
-            wakeReader();
-        } else if (parkedFor > TICK) {
-            LockSupport.unpark(reader);
-        }
-        if (task.limit != null) {
-            pool.schedule(task.limit, () -> limitPassed(task));
-        }
+        answers.sent(task);
         return true;
     }
 
-    private void limitPassed(Task task) {
-        synchronized (this) {
-            if (current != task) {
-                return;
-            }
-            task.limitPassed = true;
-            sendInterrupt(task.id);
+    /** Whether the task runs on this worker now. */
+    synchronized boolean runs(Task task) {
+        return current == task;
+    }
+
+    /**
+     * The task's time limit passed: it is marked so, and the worker asked to
+     * end it.
+     *
+     * @return false when the task no longer runs here
+     */
+    synchronized boolean limitPassed(Task task) {
+        if (current != task) {
+            return false;
         }
-        Duration grace = pool.graceTime();
-        pool.schedule(grace, () -> {
-            synchronized (this) {
-                if (current != task) {
-                    return;
-                }
-            }
-            kill("killed after the time limit of " + Task.seconds(task.limit) + " passed and a grace of "
-                    + Task.seconds(grace));
-        });
+        task.limitPassed = true;
+        sendInterrupt(task.id);
+        return true;
     }
 
     /** Asks the worker to end the task it runs now, if it is still that one. */
-    void interrupt(Task task) {
-        synchronized (this) {
-            if (current == task && task != null) {
-                sendInterrupt(task.id);
-            }
+    synchronized void interrupt(Task task) {
+        if (current == task && task != null) {
+            sendInterrupt(task.id);
         }
     }
 
@@ -214,12 +185,7 @@ final class Worker {
      */
     void silent(String why) {
         kill(why);
-        try {
-            channel.shutdownInput();
-        } catch (IOException e) {
-            // closed already
-        }
-        wakeReader();
+        answers.stop();
     }
 
     /** Ends the worker at once (SIGKILL, or its scheduler's equivalent); the first reason given stands. */
@@ -249,7 +215,7 @@ final class Worker {
         }
         endWithin(launched, grace.toNanos());
         try {
-            reader.join(5000);
+            answers.join(5000);
         } catch (InterruptedException e) {
             Thread.currentThread().interrupt();
         }
@@ -286,168 +252,18 @@ final class Worker {
         }
     }
 
-    /**
-     * The reader thread. While it is eager it watches the channel and reads
-     * every answer no caller waits to read. When it finds callers reading
-     * their own answers twice in a row, it turns lazy: it looks at the worker
-     * now and then, a millisecond apart at first and less often while
-     * nothing changes, and turns eager again for a task that stays
-     * unanswered with no caller reading or that something depends on, for a
-     * reset (which no caller waits for), and when the process ends. So a
-     * caller that waits for its answers is not woken together with it.
-     */
-    private void readAnswers() {
-        long tick = TICK;
-        Task seen = null;
-        int votes = 0;
-        try {
-            while (!inputEnded) {
-                if (eager && waiters.get() == 0) {
-                    reading.lock();
-                    try {
-                        if (readAvailable() > 0) {
-                            votes = 0;
-                        }
-                    } finally {
-                        reading.unlock();
-                    }
-                    if (inputEnded) {
-                        break;
-                    }
-                    readerSelector.select();
-                    readerSelector.selectedKeys().clear();
-                    if (waiters.get() > 0 && ++votes == 2) {
-                        eager = false;
-                        votes = 0;
-                    }
-                    continue;
-                }
-                // Lazy, or callers read now: look again after a while.
-                Task now = current;
-                tick = now != seen ? TICK : Math.min(2 * tick, MAX_TICK);
-                boolean idle = !eager && now == null && now == seen && tick == MAX_TICK;
-                seen = now;
-                parkedFor = idle ? Long.MAX_VALUE : tick;
-                // Published before current is read again: a task sent meanwhile unparks a long park.
-                if (current == now && !inputEnded) {
-                    if (idle) {
-                        LockSupport.park(this);
-                    } else {
-                        LockSupport.parkNanos(this, tick);
-                    }
-                }
-                parkedFor = 0;
-                if (now != null && waiters.get() == 0
-                        && (current == now || now.future.getNumberOfDependents() > 0)) {
-                    eager = true;
-                }
-            }
-        } catch (IOException | ClosedSelectorException e) {
-            inputEnded = true;
-        }
-        ended();
-    }
-
-    /** Makes the reader thread watch the channel again, from any thread. */
-    private void wakeReader() {
-        eager = true;
-        LockSupport.unpark(reader);
-        readerSelector.wakeup();
-    }
-
-    /**
-     * Waits for a task's answer by reading the channel on this thread, if no
-     * other thread reads it now.
-     *
-     * @return false when an interrupt ended the wait; true otherwise, also
-     *         when another thread reads, or the deadline passed
-     */
+    /** A caller waits for its task's answer: see {@link Answers#await}. */
     boolean awaitAnswer(Task task, Wait wait) {
-        waiters.incrementAndGet();
-        try {
-            boolean locked;
-            try {
-                // Whoever holds it now is about to leave: done with its own answer, or reading what came.
-                locked = reading.tryLock(1, TimeUnit.MILLISECONDS);
-            } catch (InterruptedException e) {
-                if (wait.interruptEnds()) {
-                    return false;
-                }
-                locked = reading.tryLock();
-            }
-            if (!locked) {
-                return true;
-            }
-            try {
-                while (!task.future.isDone() && !inputEnded) {
-                    readAvailable();
-                    long nanos = wait.next(TimeUnit.SECONDS.toNanos(1));
-                    if (nanos == 0) {
-                        break;
-                    }
-                    if (wait.interrupted()) {
-                        return false;
-                    }
-                    waiterSelecting = true;
-                    try {
-                        if (!task.future.isDone() && !inputEnded) {
-                            waiterSelector.select(Math.max(1, TimeUnit.NANOSECONDS.toMillis(nanos)));
-                        }
-                    } finally {
-                        waiterSelecting = false;
-                    }
-                    waiterSelector.selectedKeys().clear();
-                }
-            } finally {
-                reading.unlock();
-            }
-        } catch (IOException | ClosedSelectorException e) {
-            // This thread cannot wait on the channel: the reader thread reads on.
-        } finally {
-            waiters.decrementAndGet();
-            if (current == task) {
-                // Left before the answer came (a deadline, an interrupt, a future completed by the caller):
-                // the reader thread reads it.
-                wakeReader();
-            }
-        }
-        return true;
+        return answers.await(task, wait);
     }
 
     /** Ends a caller's wait on the channel, for a task completed by another thread. */
     void wakeWaiter() {
-        if (waiterSelecting) {
-            waiterSelector.wakeup();
-        }
+        answers.wakeWaiter();
     }
 
-    /** Completes the tasks of every whole answer that has come; returns how many. Holding reading. */
-    private int readAvailable() {
-        int n = 0;
-        if (inputEnded) {
-            return n;
-        }
-        try {
-            for (Wire.Frame f = answers.next(channel); f != null; f = answers.next(channel)) {
-                answered(f);
-                n++;
-            }
-        } catch (Wire.WireException e) {
-            kill("protocol error: " + e.getMessage());
-            endInput();
-        } catch (IOException e) {
-            // the process ended
-            endInput();
-        }
-        return n;
-    }
-
-    private void endInput() {
-        inputEnded = true;
-        wakeReader();
-    }
-
-    private void answered(Wire.Frame f) throws Wire.WireException {
+    /** An answer came: it completes the task it answers, which is reported. */
+    void answered(Wire.Frame f) throws Wire.WireException {
         Task task;
         synchronized (this) {
             task = current;
@@ -457,10 +273,11 @@ final class Worker {
             current = null;
         }
         task.answer(f);
-        pool.finished(this, task);
+        events.answered(this, task);
     }
 
-    private void ended() {
+    /** The input ended: the worker has, or will in a moment; its task fails, and its end is reported. */
+    void ended() {
         if (!ended.compareAndSet(false, true)) {
             return;
         }
@@ -470,19 +287,7 @@ final class Worker {
             String why = launched.ended().getNow(null);
             reason = why != null ? why : "the connection to the worker closed";
         }
-        reading.lock();
-        try {
-            for (java.io.Closeable c : new java.io.Closeable[] {out, interrupts, channel, control, readerSelector,
-                waiterSelector}) {
-                try {
-                    c.close();
-                } catch (IOException e) {
-                    // closed with the process
-                }
-            }
-        } finally {
-            reading.unlock();
-        }
+        answers.close(out, interrupts, channel, control);
         Task task;
         synchronized (this) {
             task = current;
@@ -492,15 +297,10 @@ final class Worker {
         if (task != null) {
             task.future.completeExceptionally(lost);
         }
-        pool.lost(this, lost);
+        events.lost(this, lost);
     }
 
     WorkerLostException lostException() {
-        return new WorkerLostException(reason == null ? "exit status unknown" : reason, lastLines());
-    }
-
-    /** The last lines the worker wrote, as its launcher has them. */
-    private java.util.List<String> lastLines() {
-        return launched.lastLines();
+        return new WorkerLostException(reason == null ? "exit status unknown" : reason, launched.lastLines());
     }
 }

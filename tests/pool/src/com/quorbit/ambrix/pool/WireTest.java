@@ -203,7 +203,7 @@ class WireTest {
         Path socket = dir.resolve("w.sock");
         try (ServerSocketChannel server = ServerSocketChannel.open(StandardProtocolFamily.UNIX)) {
             server.bind(UnixDomainSocketAddress.of(socket));
-            Process worker = new ProcessBuilder(LocalLauncher.javaCommand(), "-cp", EnginePool.classPath(),
+            Process worker = new ProcessBuilder(LocalLauncher.javaCommand(), "-cp", PoolSettings.classPath(),
                     WorkerMain.class.getName(), socket.toString()).redirectErrorStream(true).start();
             try (SocketChannel tasks = server.accept(); SocketChannel interrupts = server.accept()) {
                 SocketChannel c = onInterrupts ? interrupts : tasks;

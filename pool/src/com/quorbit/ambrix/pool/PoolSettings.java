@@ -1,0 +1,70 @@
+package com.quorbit.ambrix.pool;
+
+import java.io.File;
+import java.net.URISyntaxException;
+import java.time.Duration;
+import java.util.ArrayList;
+import java.util.List;
+
+/**
+ * A pool's settings, as its {@link EnginePool.Builder} validated them: every
+ * part of the pool reads them, and none changes them.
+ *
+ * @param workers          the number of worker slots
+ * @param kernelArguments  each kernel's start arguments
+ * @param initialize       statements run at each kernel's start and after each reset
+ * @param timeLimit        a task's default time limit, or null for none
+ * @param graceTime        how long an interrupted task may take to end before its worker is killed
+ * @param memoryLimit      a worker's resident memory limit in bytes, 0 for none
+ * @param javaOptions      options for each worker's JVM, after the defaults
+ * @param resetEveryTask   whether a submitted task runs in a fresh kernel
+ * @param launcher         how workers are started
+ * @param listenAddress    the address remote workers connect to, or null for this host's name
+ * @param heartbeatTimeout how long a remote worker, or the pool, may stay silent
+ */
+record PoolSettings(int workers, List<String> kernelArguments, List<String> initialize, Duration timeLimit,
+        Duration graceTime, long memoryLimit, List<String> javaOptions, boolean resetEveryTask, Launcher launcher,
+        String listenAddress, Duration heartbeatTimeout) {
+
+    /** The worker JVM's options unless javaOptions adds its own after them. */
+    static final List<String> DEFAULT_JAVA_OPTIONS = List.of("-Xmx64m", "-Xss1m", "-XX:+UseSerialGC",
+            "-XX:TieredStopAtLevel=1", "-XX:CICompilerCount=1", "-XX:ReservedCodeCacheSize=16m",
+            "-XX:MaxMetaspaceSize=64m", "-XX:+DisplayVMOutputToStderr", "-XX:-CreateCoredumpOnCrash",
+            "-XX:-UsePerfData");
+    /** This JVM's settings that a worker's JVM takes over. */
+    private static final String[] FORWARDED = {"ambrix.library.path", "ambrix.kernel", "ambrix.tmpdir",
+        "java.library.path", "java.io.tmpdir"};
+
+    PoolSettings {
+        kernelArguments = List.copyOf(kernelArguments);
+        initialize = List.copyOf(initialize);
+        javaOptions = List.copyOf(javaOptions);
+    }
+
+    /** The command of a worker's JVM, before where it connects to. */
+    List<String> workerCommand() {
+        List<String> c = new ArrayList<>();
+        c.add(LocalLauncher.javaCommand());
+        c.addAll(DEFAULT_JAVA_OPTIONS);
+        for (String p : FORWARDED) {
+            String v = System.getProperty(p);
+            if (v != null) {
+                c.add("-D" + p + "=" + v);
+            }
+        }
+        c.addAll(javaOptions);
+        c.add("-cp");
+        c.add(classPath());
+        c.add(WorkerMain.class.getName());
+        return c;
+    }
+
+    /** Where the pool's classes came from: ambrix.jar, or a folder of classes. */
+    static String classPath() {
+        try {
+            return new File(EnginePool.class.getProtectionDomain().getCodeSource().getLocation().toURI()).getPath();
+        } catch (URISyntaxException | RuntimeException e) {
+            return System.getProperty("java.class.path");
+        }
+    }
+}

@@ -1,0 +1,365 @@
+package com.quorbit.ambrix.pool;
+
+import com.quorbit.externalcall.VexelException;
+import java.io.IOException;
+import java.lang.System.Logger.Level;
+import java.time.Duration;
+import java.util.ArrayList;
+import java.util.Arrays;
+import java.util.List;
+import java.util.concurrent.CompletableFuture;
+import java.util.concurrent.ExecutionException;
+import java.util.concurrent.ExecutorService;
+import java.util.concurrent.Executors;
+import java.util.concurrent.TimeUnit;
+
+/**
+ * The pool's worker slots and what fills them: the launch of each worker,
+ * its connection and the start of its kernel, its admission to the
+ * {@link Dispatch}, its loss and replacement, and a slot's giving up after
+ * launches that fail time after time. Workers report to it through
+ * {@link Worker.Events}.
+ */
+final class Supervisor {
+    private final PoolSettings settings;
+    private final Dispatch dispatch;
+    /** How a slot's worker is launched, connected and started. */
+    private final Starter starter;
+    /** The threads that wait for remote workers to connect, however long they queue. */
+    private final ExecutorService starters = Executors.newCachedThreadPool(r -> {
+        Thread t = new Thread(r, "ambrix-pool-start");
+        t.setDaemon(true);
+        return t;
+    });
+    private final Object lock = new Object();
+    /** Guarded by lock. */
+    private final Slot[] slots;
+    /** Replacements under way. Guarded by lock. */
+    private int starting;
+    private boolean closed;
+    private final Worker.Events events = new Worker.Events() {
+        @Override
+        public void answered(Worker w, Task task) {
+            dispatch.finished(w, task);
+        }
+
+        @Override
+        public void lost(Worker w, WorkerLostException e) {
+            Supervisor.this.lost(w, e);
+        }
+    };
+
+    Supervisor(PoolSettings settings, Dispatch dispatch, Tasks tasks) {
+        this.settings = settings;
+        this.dispatch = dispatch;
+        slots = new Slot[settings.workers()];
+        for (int i = 0; i < slots.length; i++) {
+            slots[i] = new Slot(i);
+        }
+        starter = new Starter(settings, tasks, events, lock);
+    }
+
+    /**
+     * Local workers: started at once, each waited for; any that does not
+     * start fails the build. Remote workers: submitted, each then waited for
+     * on a thread of its own, however long it queues.
+     *
+     * @throws VexelException when the workers cannot start; the caller closes the pool
+     */
+    void startAll() {
+        if (starter.remote()) {
+            for (Slot slot : slots) {
+                launchAndWait(slot);
+            }
+            synchronized (lock) {
+                if (noSlotLeft()) {
+                    throw new VexelException("no worker could be started: " + slots[slots.length - 1].gaveUp);
+                }
+            }
+            return;
+        }
+        List<CompletableFuture<Worker>> started = new ArrayList<>();
+        for (Slot slot : slots) {
+            started.add(CompletableFuture.supplyAsync(() -> starter.startLocal(slot), starters));
+        }
+        try {
+            for (CompletableFuture<Worker> f : started) {
+                dispatch.admit(f.get());
+            }
+        } catch (ExecutionException e) {
+            throw Dispatch.unwrap(e.getCause(), "a worker did not start: ");
+        } catch (InterruptedException e) {
+            Thread.currentThread().interrupt();
+            throw new VexelException("interrupted while the workers started");
+        }
+    }
+
+    /**
+     * Submits a remote worker for the slot, then waits for it on a starter
+     * thread. A launch that fails, or ends before its worker is ready, is
+     * made again, until {@value Slot#FAILED_LAUNCHES} in a row have: then
+     * the slot gives up.
+     */
+    private void launchAndWait(Slot slot) {
+        Transport.Rendezvous rendezvous;
+        Launcher.Launched launched;
+        try {
+            rendezvous = starter.open();
+        } catch (IOException e) {
+            launchFailed(slot, "cannot listen for a worker: " + e.getMessage());
+            return;
+        }
+        try {
+            launched = starter.launch(slot, rendezvous);
+        } catch (IOException | RuntimeException e) {
+            closeQuietly(rendezvous);
+            launchFailed(slot, String.valueOf(e.getMessage()));
+            return;
+        }
+        try {
+            starters.execute(() -> {
+                Worker w;
+                try {
+                    Transport.Channels channels = rendezvous.await(launched, 0);
+                    w = starter.startKernel(slot, launched, channels);
+                } catch (IOException | RuntimeException e) {
+                    launched.kill();
+                    String why = launched.ended().getNow(null);
+                    launchFailed(slot, why != null ? why : String.valueOf(e.getMessage()));
+                    return;
+                } finally {
+                    closeQuietly(rendezvous);
+                }
+                admit(w);
+            });
+        } catch (java.util.concurrent.RejectedExecutionException e) {
+            // closed meanwhile
+            launched.cancel();
+            closeQuietly(rendezvous);
+        }
+    }
+
+    /** A worker that became ready after the build: free for tasks, or ended when the pool closed meanwhile. */
+    private void admit(Worker w) {
+        boolean late;
+        synchronized (lock) {
+            late = closed;
+        }
+        if (late || !dispatch.admit(w)) {
+            w.stop("pool closed", Duration.ZERO);
+        }
+    }
+
+    private static void closeQuietly(java.io.Closeable c) {
+        try {
+            c.close();
+        } catch (IOException e) {
+            // closed anyway
+        }
+    }
+
+    /** A launch ended before its worker was ready: another, or the slot gives up. */
+    private void launchFailed(Slot slot, String why) {
+        boolean again;
+        boolean none;
+        synchronized (lock) {
+            slot.launched = null;
+            slot.worker = null;
+            if (closed) {
+                return;
+            }
+            slot.failures++;
+            again = slot.failures < Slot.FAILED_LAUNCHES;
+            if (!again) {
+                slot.gaveUp = why;
+                lock.notifyAll();
+            }
+            none = noSlotLeft();
+        }
+        if (again) {
+            EnginePool.LOG.log(Level.WARNING, "a worker ended before it was ready (" + why + "); launching another");
+            launchAndWait(slot);
+            return;
+        }
+        EnginePool.LOG.log(Level.ERROR, "worker slot " + slot.index + " gave up after " + Slot.FAILED_LAUNCHES
+                + " launches in a row ended before they were ready: " + why);
+        if (none) {
+            // No worker will ever take what waits: it fails with the last reason.
+            dispatch.failWaiting(new VexelException("no worker could be started: " + why));
+        }
+    }
+
+    /** Whether every slot gave up. Under lock. */
+    private boolean noSlotLeft() {
+        return Arrays.stream(slots).allMatch(s -> s.gaveUp != null);
+    }
+
+    /** A worker ended: a new worker takes its place. */
+    private void lost(Worker w, WorkerLostException e) {
+        Slot slot = slots[w.slot];
+        boolean replace;
+        synchronized (lock) {
+            if (slot.worker == w) {
+                slot.worker = null;
+                slot.launched = null;
+            }
+            // A worker that never became ready is not replaced here: its start failed.
+            replace = !closed && w.ready;
+            if (replace) {
+                starting++;
+            }
+        }
+        dispatch.forget(w);
+        starter.forget(w);
+        Session s = w.session;
+        if (s != null) {
+            s.lost(e);
+        }
+        if (!replace) {
+            return;
+        }
+        EnginePool.LOG.log(Level.WARNING, "worker " + w.name() + " lost: " + e.getMessage());
+        if (starter.remote()) {
+            launchAndWait(slot);
+            startingDone();
+            return;
+        }
+        CompletableFuture.supplyAsync(() -> starter.startLocal(slot), starters).whenComplete((fresh, failure) -> {
+            if (fresh != null) {
+                EnginePool.LOG.log(Level.INFO, "worker " + fresh.name() + " replaced worker " + w.name());
+                admit(fresh);
+            } else {
+                EnginePool.LOG.log(Level.ERROR, "worker " + w.name() + " could not be replaced: " + failure);
+            }
+            startingDone();
+        });
+    }
+
+    private void startingDone() {
+        synchronized (lock) {
+            starting--;
+            lock.notifyAll();
+        }
+    }
+
+    /** Whether at least n workers are ready, waiting at most that long; false when fewer ever can be. */
+    boolean awaitWorkers(int n, Duration timeout) {
+        long deadline = System.nanoTime() + timeout.toNanos();
+        synchronized (lock) {
+            while (true) {
+                int ready = 0;
+                int able = 0;
+                for (Slot s : slots) {
+                    if (s.worker != null && s.worker.serving()) {
+                        ready++;
+                    }
+                    if (s.gaveUp == null) {
+                        able++;
+                    }
+                }
+                long left = deadline - System.nanoTime();
+                if (ready >= n) {
+                    return true;
+                }
+                if (closed || able < n || left <= 0) {
+                    return false;
+                }
+                try {
+                    TimeUnit.NANOSECONDS.timedWait(lock, Math.min(left, TimeUnit.MILLISECONDS.toNanos(100)));
+                } catch (InterruptedException e) {
+                    Thread.currentThread().interrupt();
+                    return false;
+                }
+            }
+        }
+    }
+
+    /** One state per slot, in slot order. */
+    List<WorkerState> workerStates() {
+        synchronized (lock) {
+            return Arrays.stream(slots).map(Slot::state).toList();
+        }
+    }
+
+    /** The workers connected now. */
+    List<Worker> workers() {
+        synchronized (lock) {
+            return Arrays.stream(slots).map(s -> s.worker).filter(w -> w != null).toList();
+        }
+    }
+
+    /** Kills each worker whose resident memory passed the limit. */
+    void sampleMemory() {
+        for (Worker w : workers()) {
+            long rss = w.residentBytes();
+            if (rss > settings.memoryLimit() && w.alive()) {
+                w.kill("memory limit of " + (settings.memoryLimit() >> 20) + " MiB passed");
+            }
+        }
+    }
+
+    /**
+     * Ends every worker: its input is closed, and after the grace time it is
+     * killed; launches with no worker yet are cancelled. Returns once no
+     * worker is left, replacements under way included.
+     */
+    void close() {
+        List<Worker> all = new ArrayList<>();
+        List<Launcher.Launched> pending = new ArrayList<>();
+        synchronized (lock) {
+            closed = true;
+            for (Slot slot : slots) {
+                if (slot.worker != null) {
+                    all.add(slot.worker);
+                } else if (slot.launched != null) {
+                    // A launch with no worker yet (queued or starting): its job is cancelled too.
+                    pending.add(slot.launched);
+                }
+            }
+        }
+        starter.stopListening();
+        for (Launcher.Launched l : pending) {
+            l.cancel();
+        }
+        List<Thread> stopping = new ArrayList<>();
+        for (Launcher.Launched l : pending) {
+            stopping.add(closer(() -> endLaunch(l)));
+        }
+        for (Worker w : all) {
+            stopping.add(closer(() -> w.stop("pool closed", settings.graceTime())));
+        }
+        for (Thread t : stopping) {
+            try {
+                t.join();
+            } catch (InterruptedException e) {
+                Thread.currentThread().interrupt();
+            }
+        }
+        // Replacements that were starting end as soon as they are ready.
+        synchronized (lock) {
+            while (starting > 0) {
+                try {
+                    lock.wait();
+                } catch (InterruptedException e) {
+                    Thread.currentThread().interrupt();
+                    break;
+                }
+            }
+        }
+        starters.shutdownNow();
+        starter.close();
+    }
+
+    private static Thread closer(Runnable r) {
+        Thread t = new Thread(r, "ambrix-pool-close");
+        t.start();
+        return t;
+    }
+
+    /** Waits for a cancelled launch to end, the grace time at most; then kills it. */
+    private void endLaunch(Launcher.Launched l) {
+        if (!Worker.endWithin(l, settings.graceTime().toNanos()) && !Thread.currentThread().isInterrupted()) {
+            EnginePool.LOG.log(Level.WARNING, "a worker did not end after it was killed");
+        }
+    }
+}

@@ -1,0 +1,62 @@
+package com.quorbit.ambrix.pool;
+
+import com.quorbit.externalcall.VexelException;
+import java.time.Duration;
+import java.util.Arrays;
+import java.util.concurrent.atomic.AtomicLong;
+
+/** Makes a pool's tasks, each with an id of its own; a task's frame holds its request. */
+final class Tasks {
+    private final AtomicLong ids = new AtomicLong();
+    private final PoolSettings settings;
+
+    Tasks(PoolSettings settings) {
+        this.settings = settings;
+    }
+
+    /** A new task of that kind; its frame holds the header, and the caller adds the payload. */
+    private Task task(byte kind, Duration limit, boolean resetAfter, boolean pooled) {
+        return new Task(ids.incrementAndGet(), kind, limit, resetAfter, pooled);
+    }
+
+    /** A statement's task: a pooled one resets its worker after it (as settings say) and frees it. */
+    Task eval(String statement, Duration limit, boolean pooled) {
+        if (statement == null) {
+            throw new VexelException("Statement is NULL");
+        }
+        Task t = task(Wire.EVAL, limit, pooled && settings.resetEveryTask(), pooled);
+        t.frame.string(statement);
+        return t;
+    }
+
+    Task call(String procedure, Object[] args, Duration limit, boolean pooled) {
+        if (procedure == null) {
+            throw new VexelException("Procedure name is NULL");
+        }
+        Task t = task(Wire.CALL, limit, pooled && settings.resetEveryTask(), pooled);
+        t.frame.string(procedure).value(Arrays.asList(args == null ? new Object[0] : args));
+        return t;
+    }
+
+    /** A session's request for help text. */
+    Task help(String topic, int section, int width) {
+        if (topic == null) {
+            throw new VexelException("Topic is NULL");
+        }
+        Task t = task(Wire.HELP, null, false, false);
+        t.frame.string(topic).number(section).number(width);
+        return t;
+    }
+
+    /** A worker's restart of its kernel, after which it is free again. */
+    Task reset() {
+        return task(Wire.RESET, null, false, true);
+    }
+
+    /** A new worker's start of its kernel, with the pool's arguments and statements. */
+    Task init() {
+        Task t = task(Wire.INIT, null, false, false);
+        t.frame.strings(settings.kernelArguments()).strings(settings.initialize());
+        return t;
+    }
+}
