@@ -130,6 +130,9 @@ final class Answers {
             }
         } catch (IOException | ClosedSelectorException e) {
             inputEnded = true;
+        } catch (RuntimeException | Error e) {
+            worker.kill("the pool's reader of the worker failed: " + e);
+            inputEnded = true;
         }
         worker.ended();
     }
@@ -233,6 +236,10 @@ final class Answers {
             endInput();
         } catch (IOException e) {
             // the process ended
+            endInput();
+        } catch (RuntimeException | Error e) {
+            // Whatever the worker's bytes did to this thread ends that worker, and only it.
+            worker.kill("the pool could not read the worker's answer: " + e);
             endInput();
         }
         return n;

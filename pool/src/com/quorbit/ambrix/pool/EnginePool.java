@@ -144,7 +144,10 @@ public final class EnginePool implements AutoCloseable {
         /**
          * How long a remote worker may stay silent before the pool takes it
          * for lost and ends its job, and how long a worker waits for the
-         * pool's heartbeat before it ends itself (default 10 s).
+         * pool's heartbeat before it ends itself (default 10 s). It also
+         * bounds a write to any worker, local ones included: a worker that
+         * reads nothing of a task or an interrupt for that long (a stopped
+         * process, a full link) is taken for lost.
          *
          * @param timeout at least a second
          * @return this builder
@@ -289,6 +292,12 @@ public final class EnginePool implements AutoCloseable {
      * every worker is held, the task waits in line until a session is
      * closed (so a pool of one worker with an open session never runs it).
      * The pool logs a warning the first time this happens.
+     *
+     * <p>A task's statement, encoded, may take an eighth of a worker's heap
+     * (1 MiB per 8 MiB of {@code -Xmx}: 8 MiB with the default 64 MiB); a
+     * larger one is refused at once with a {@link VexelException} that names
+     * the limit. Give workers a larger heap with
+     * {@link Builder#javaOptions} for larger statements or arguments.
      *
      * @param statement one or more statements
      * @return the future of the task's {@link Result}

@@ -68,11 +68,16 @@ final class Heartbeats implements Closeable {
             if (now - next >= 0) {
                 next = now + intervalNanos;
                 for (Worker w : workers) {
-                    if (now - w.heard > timeoutNanos && w.alive()) {
+                    try {
+                        if (now - w.heard > timeoutNanos && w.alive()) {
+                            workers.remove(w);
+                            w.silent("no heartbeat for " + Task.seconds(Duration.ofNanos(timeoutNanos)));
+                        } else {
+                            w.sendHeartbeat();
+                        }
+                    } catch (RuntimeException | Error e) {
                         workers.remove(w);
-                        w.silent("no heartbeat for " + Task.seconds(Duration.ofNanos(timeoutNanos)));
-                    } else {
-                        w.sendHeartbeat();
+                        w.silent("the pool's heartbeat to the worker failed: " + e);
                     }
                 }
             }
@@ -91,9 +96,18 @@ final class Heartbeats implements Closeable {
                         w.heard = System.nanoTime();
                         w.reportedBytes = f.values().number();
                     }
+                } catch (Wire.WireException e) {
+                    key.cancel();
+                    workers.remove(w);
+                    w.silent("protocol error: " + e.getMessage());
                 } catch (IOException e) {
                     // The connection ended: the task channel's reader reports it.
                     key.cancel();
+                } catch (RuntimeException | Error e) {
+                    // One worker's bytes end that worker, never this thread, which serves them all.
+                    key.cancel();
+                    workers.remove(w);
+                    w.silent("the pool could not read the worker's heartbeat: " + e);
                 }
             }
             selector.selectedKeys().clear();

@@ -59,6 +59,51 @@ record PoolSettings(int workers, List<String> kernelArguments, List<String> init
         return c;
     }
 
+    /** The heap of a worker's JVM in bytes: its last -Xmx, the pool's default unless javaOptions set one. */
+    long workerHeap() {
+        long heap = 0;
+        for (String o : workerCommandOptions()) {
+            if (o.startsWith("-Xmx")) {
+                heap = bytes(o.substring(4), heap);
+            }
+        }
+        return heap;
+    }
+
+    private List<String> workerCommandOptions() {
+        List<String> all = new ArrayList<>(DEFAULT_JAVA_OPTIONS);
+        all.addAll(javaOptions);
+        return all;
+    }
+
+    /** A JVM size such as "64m" in bytes; the fallback when it does not read as one. */
+    private static long bytes(String size, long fallback) {
+        if (size.isEmpty()) {
+            return fallback;
+        }
+        int shift = switch (Character.toLowerCase(size.charAt(size.length() - 1))) {
+            case 'k' -> 10;
+            case 'm' -> 20;
+            case 'g' -> 30;
+            case 't' -> 40;
+            default -> 0;
+        };
+        try {
+            return Long.parseLong(shift == 0 ? size : size.substring(0, size.length() - 1)) << shift;
+        } catch (NumberFormatException e) {
+            return fallback;
+        }
+    }
+
+    /**
+     * The largest task a worker takes, its frame whole: an eighth of the
+     * worker's heap, which holds the frame, the statement decoded from it
+     * and the copy the kernel is given, with room to spare.
+     */
+    long taskLimit() {
+        return Math.min(Wire.MAX_FRAME, workerHeap() / 8);
+    }
+
     /** Where the pool's classes came from: ambrix.jar, or a folder of classes. */
     static String classPath() {
         try {

@@ -27,6 +27,8 @@ final class Starter {
     private final Transport transport;
     /** Heartbeats in both directions, for workers over TCP; null for local ones. */
     private final Heartbeats heartbeats;
+    /** The pool's writer thread. */
+    private final Outbox.Flusher flusher;
 
     Starter(PoolSettings settings, Tasks tasks, Worker.Events events, Object lock) {
         this.settings = settings;
@@ -46,6 +48,7 @@ final class Starter {
             transport = Transport.local(socketFolder);
             heartbeats = null;
         }
+        flusher = new Outbox.Flusher(settings.heartbeatTimeout());
     }
 
     /** Whether workers connect over TCP, from anywhere, and are waited for however long they queue. */
@@ -93,7 +96,7 @@ final class Starter {
     Worker startKernel(Slot slot, Launcher.Launched launched, Transport.Channels channels) {
         Worker w;
         try {
-            w = new Worker(launched, channels, slot.index, events);
+            w = new Worker(launched, channels, slot.index, events, flusher, remote());
         } catch (IOException e) {
             launched.kill();
             throw new VexelException("cannot start a worker: " + e.getMessage());
@@ -142,8 +145,9 @@ final class Starter {
         transport.close();
     }
 
-    /** Removes the socket folder, once every worker has ended. */
+    /** Stops the writer and removes the socket folder, once every worker has ended. */
     void close() {
+        flusher.close();
         if (socketFolder != null) {
             SocketFolders.remove(socketFolder);
         }

@@ -37,8 +37,13 @@ final class Task {
         this.pooled = pooled;
     }
 
-    /** Completes the task from the worker's answer. */
-    void answer(Wire.Frame reply) throws Wire.WireException {
+    /**
+     * Decodes the worker's answer to this task, without completing it yet.
+     *
+     * @return what completes the task with the answer
+     * @throws Wire.WireException for an answer that does not decode, or of a kind no task takes
+     */
+    Runnable answer(Wire.Frame reply) throws Wire.WireException {
         Wire.Reader values = reply.values();
         switch (reply.kind()) {
             case Wire.RESULT -> {
@@ -47,7 +52,8 @@ final class Task {
                 java.util.List<String> output = values.strings();
                 Duration elapsed = Duration.ofNanos(values.number());
                 java.util.List<String> plots = values.strings();
-                future.complete(kind == Wire.CALL ? value : new Result(text, value, output, elapsed, plots));
+                Object outcome = kind == Wire.CALL ? value : new Result(text, value, output, elapsed, plots);
+                return () -> future.complete(outcome);
             }
             case Wire.ERROR -> {
                 VexelException failure = new VexelException(values.string());
@@ -56,9 +62,13 @@ final class Task {
                     e.initCause(failure);
                     failure = e;
                 }
-                future.completeExceptionally(failure);
+                VexelException outcome = failure;
+                return () -> future.completeExceptionally(outcome);
             }
-            default -> future.complete(null);
+            case Wire.READY, Wire.DONE -> {
+                return () -> future.complete(null);
+            }
+            default -> throw new Wire.WireException("malformed frame: an answer of kind " + reply.kind());
         }
     }
 

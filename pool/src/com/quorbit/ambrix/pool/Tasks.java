@@ -26,7 +26,7 @@ final class Tasks {
         }
         Task t = task(Wire.EVAL, limit, pooled && settings.resetEveryTask(), pooled);
         t.frame.string(statement);
-        return t;
+        return sized(t, "Statement");
     }
 
     Task call(String procedure, Object[] args, Duration limit, boolean pooled) {
@@ -35,7 +35,7 @@ final class Tasks {
         }
         Task t = task(Wire.CALL, limit, pooled && settings.resetEveryTask(), pooled);
         t.frame.string(procedure).value(Arrays.asList(args == null ? new Object[0] : args));
-        return t;
+        return sized(t, "Call");
     }
 
     /** A session's request for help text. */
@@ -45,6 +45,22 @@ final class Tasks {
         }
         Task t = task(Wire.HELP, null, false, false);
         t.frame.string(topic).number(section).number(width);
+        return sized(t, "Topic");
+    }
+
+    /**
+     * The task, when its worker can take it: a worker's heap must hold the
+     * frame and what it decodes to.
+     *
+     * @throws VexelException naming the limit, for a task too large
+     */
+    private Task sized(Task t, String what) {
+        long limit = settings.taskLimit();
+        if (t.frame.size() > limit) {
+            throw new VexelException(what + " too large for a worker: " + t.frame.size() + " bytes encoded, at most "
+                    + limit + " (an eighth of a worker's heap of " + (settings.workerHeap() >> 20)
+                    + " MiB; give workers more with javaOptions(\"-Xmx...\"))");
+        }
         return t;
     }
 

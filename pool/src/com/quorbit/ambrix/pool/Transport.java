@@ -2,7 +2,6 @@ package com.quorbit.ambrix.pool;
 
 import java.io.Closeable;
 import java.io.IOException;
-import java.lang.System.Logger.Level;
 import java.net.InetAddress;
 import java.net.InetSocketAddress;
 import java.net.StandardProtocolFamily;
@@ -16,8 +15,8 @@ import java.security.SecureRandom;
 import java.util.List;
 import java.util.Map;
 import java.util.concurrent.ConcurrentHashMap;
-import java.util.concurrent.ExecutorService;
-import java.util.concurrent.Executors;
+import java.util.concurrent.ArrayBlockingQueue;
+import java.util.concurrent.ThreadPoolExecutor;
 import java.util.concurrent.TimeUnit;
 import java.util.concurrent.atomic.AtomicLong;
 
@@ -156,16 +155,27 @@ abstract class Transport implements Closeable {
 
     private static final class Tcp extends Transport {
         private static final int HANDSHAKE_MILLIS = 5000;
+        /** Handshakes in progress at once, and connections waiting for one. */
+        private static final int HANDSHAKE_THREADS = 4;
+        private static final int HANDSHAKE_LINE = 64;
         private final ServerSocketChannel server;
         private final byte[] secret;
         private final String advertised;
         private final SecureRandom random = new SecureRandom();
         private final Map<Long, TcpRendezvous> expected = new ConcurrentHashMap<>();
-        private final ExecutorService handshakes = Executors.newCachedThreadPool(r -> {
-            Thread t = new Thread(r, "ambrix-pool-handshake");
-            t.setDaemon(true);
-            return t;
-        });
+        /**
+         * The handshakes in progress: a few threads, a short line, and a
+         * connection beyond both is closed at once. Each handshake ends
+         * within 5 s, so peers that connect and say nothing hold a bounded
+         * share of the pool, and only for that long.
+         */
+        private final ThreadPoolExecutor handshakes = new ThreadPoolExecutor(HANDSHAKE_THREADS, HANDSHAKE_THREADS,
+                10, TimeUnit.SECONDS, new ArrayBlockingQueue<>(HANDSHAKE_LINE), r -> {
+                    Thread t = new Thread(r, "ambrix-pool-handshake");
+                    t.setDaemon(true);
+                    return t;
+                }, new ThreadPoolExecutor.AbortPolicy());
+        private final Refusals refusals = new Refusals();
         private final Thread acceptor;
 
         Tcp(String address, byte[] secret) throws IOException {
@@ -175,26 +185,58 @@ abstract class Transport implements Closeable {
             // A named address is the one to listen on; the host's own name, every address it has.
             server.bind(address != null ? new InetSocketAddress(InetAddress.getByName(address), 0)
                     : new InetSocketAddress(0), 64);
-            advertised = "tcp://" + host + ":" + ((InetSocketAddress) server.getLocalAddress()).getPort();
+            // An IPv6 address goes in brackets, as in any URI.
+            advertised = "tcp://" + (host.indexOf(':') >= 0 ? "[" + host + "]" : host) + ":"
+                    + ((InetSocketAddress) server.getLocalAddress()).getPort();
+            handshakes.allowCoreThreadTimeOut(true);
             acceptor = new Thread(this::acceptAll, "ambrix-pool-listener");
             acceptor.setDaemon(true);
             acceptor.start();
         }
 
+        /**
+         * Accepts connections for as long as the pool listens, whatever
+         * fails: when no descriptor or thread can be had, it waits a little
+         * and goes on.
+         */
         private void acceptAll() {
+            long backoff = 0;
             while (server.isOpen()) {
-                SocketChannel c;
+                SocketChannel c = null;
                 try {
                     c = server.accept();
-                } catch (IOException e) {
-                    return;
-                }
-                try {
-                    handshakes.execute(() -> admit(c));
+                    backoff = 0;
+                    SocketChannel accepted = c;
+                    handshakes.execute(() -> admit(accepted));
                 } catch (java.util.concurrent.RejectedExecutionException e) {
-                    close(c);
+                    refuse(c, "too many connections are proving themselves at once");
+                } catch (java.nio.channels.ClosedChannelException e) {
+                    return;
+                } catch (IOException | RuntimeException | Error e) {
+                    // Out of descriptors (EMFILE), or of threads: the listener lives on.
+                    if (c != null) {
+                        close(c);
+                    }
+                    backoff = Math.min(1000, Math.max(10, 2 * backoff));
+                    refusals.failed("cannot accept a connection (" + e + "); trying again in " + backoff + " ms");
+                    try {
+                        Thread.sleep(backoff);
+                    } catch (InterruptedException stop) {
+                        return;
+                    }
                 }
             }
+        }
+
+        private void refuse(SocketChannel c, String why) {
+            String from = "an unknown address";
+            try {
+                from = String.valueOf(c.getRemoteAddress());
+            } catch (IOException | RuntimeException e) {
+                // closed already
+            }
+            close(c);
+            refusals.refused(from, why);
         }
 
         /** Proves the connection, then hands it to the slot it claims; refuses it otherwise. */
@@ -209,8 +251,8 @@ abstract class Transport implements Closeable {
                     throw new IOException("it claims no worker slot that waits for it");
                 }
             } catch (IOException | RuntimeException e) {
-                EnginePool.LOG.log(Level.WARNING, "refused a connection from " + from + ": " + e.getMessage());
                 close(c);
+                refusals.refused(from, e.getMessage());
             }
         }
 

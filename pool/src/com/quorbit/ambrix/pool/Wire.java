@@ -76,8 +76,15 @@ final class Wire {
     static final class Assembler {
         /** Bytes read and not yet taken, between position and limit. */
         private final ByteBuffer staged = ByteBuffer.allocate(1 << 16).flip();
-        /** A frame larger than the staging buffer, read straight into its body. */
+        /**
+         * A frame larger than the staging buffer, read straight into its
+         * body; the buffer grows with the bytes that come, up to the length
+         * the frame announced, so an announced length costs nothing until
+         * its bytes arrive.
+         */
         private ByteBuffer large;
+        /** The length the large frame announced. */
+        private int largeLength;
 
         /**
          * The next whole frame, reading the channel only when the bytes
@@ -95,6 +102,9 @@ final class Wire {
                 }
                 int n;
                 if (large != null) {
+                    if (!large.hasRemaining()) {
+                        large = grown(large, largeLength);
+                    }
                     n = channel.read(large);
                 } else {
                     staged.compact();
@@ -130,7 +140,7 @@ final class Wire {
         private Frame take() throws WireException {
             ByteBuffer body;
             if (large != null) {
-                if (large.hasRemaining()) {
+                if (large.position() < largeLength) {
                     return null;
                 }
                 body = large.flip();
@@ -145,7 +155,8 @@ final class Wire {
                 }
                 if (4 + length > staged.capacity()) {
                     staged.position(staged.position() + 4);
-                    large = ByteBuffer.allocate(length).put(staged);
+                    largeLength = length;
+                    large = ByteBuffer.allocate(Math.min(length, 2 * staged.capacity())).put(staged);
                     return null;
                 }
                 if (staged.remaining() < 4 + length) {
@@ -159,9 +170,20 @@ final class Wire {
             return new Frame(body.get(), body.getLong(), body.slice());
         }
 
+        /** A buffer twice as large (at most the frame's length), holding what this one held. */
+        private static ByteBuffer grown(ByteBuffer b, int length) {
+            int capacity = (int) Math.min(length, 2L * b.capacity());
+            return ByteBuffer.allocate(capacity).put(b.flip());
+        }
+
+        /** How many bytes the assembler holds room for now: what has come, not what was announced. */
+        int room() {
+            return staged.capacity() + (large == null ? 0 : large.capacity());
+        }
+
         private IOException ended() {
             if (large != null) {
-                return new WireException("truncated frame: the input ended inside a frame of " + large.capacity()
+                return new WireException("truncated frame: the input ended inside a frame of " + largeLength
                         + " bytes");
             }
             if (staged.remaining() >= 4) {
@@ -185,13 +207,24 @@ final class Wire {
 
         /** Writes the frame to the stream and flushes it. */
         void send(OutputStream out) throws IOException {
+            ByteBuffer f = frame();
+            out.write(f.array(), 0, f.limit());
+            out.flush();
+        }
+
+        /** The whole frame, its length set, as a buffer of its own to write. */
+        ByteBuffer frame() throws WireException {
             int length = buf.position() - 4;
             if (length > MAX_FRAME) {
                 throw new WireException("frame of " + length + " bytes is too large (at most " + MAX_FRAME + ")");
             }
             buf.putInt(0, length);
-            out.write(buf.array(), 0, buf.position());
-            out.flush();
+            return ByteBuffer.wrap(buf.array(), 0, buf.position());
+        }
+
+        /** The frame's length so far, its length prefix included. */
+        int size() {
+            return buf.position();
         }
 
         ByteBuffer room(long n) {

@@ -80,6 +80,10 @@ final class WireValues {
             Primitive p = Primitive.of(rows.getClass().getComponentType().getComponentType());
             int columns = rows.length == 0 ? 0 : java.lang.reflect.Array.getLength(rows[0]);
             w.room(10).put(MATRIX).put(p.code).putInt(rows.length).putInt(columns);
+            if (columns == 0) {
+                // Each row takes a byte, so that no row count is larger than its frame.
+                w.room(rows.length).put(new byte[rows.length]);
+            }
             for (Object row : rows) {
                 p.put(w.room((long) columns * p.size), row, 0, columns);
             }
@@ -160,9 +164,14 @@ final class WireValues {
                 Primitive p = primitive(in);
                 int rows = in.need(4).getInt();
                 int columns = in.need(4).getInt();
-                if (rows < 0 || columns < 0 || (long) rows * columns * p.size > in.rest().remaining()) {
+                // Every row takes at least a byte: a row of no columns, the byte before the rows.
+                if (rows < 0 || columns < 0
+                        || (long) rows * Math.max(1, (long) columns * p.size) > in.rest().remaining()) {
                     throw new WireException("malformed frame: a table of " + rows + " x " + columns
                             + " exceeds the frame");
+                }
+                if (columns == 0) {
+                    in.need(rows).position(in.rest().position() + rows);
                 }
                 Object matrix = java.lang.reflect.Array.newInstance(p.type, rows, 0);
                 for (int r = 0; r < rows; r++) {

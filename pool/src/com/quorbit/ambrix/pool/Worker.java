@@ -1,7 +1,6 @@
 package com.quorbit.ambrix.pool;
 
 import java.io.IOException;
-import java.io.OutputStream;
 import java.nio.channels.SocketChannel;
 import java.time.Duration;
 import java.util.concurrent.CompletableFuture;
@@ -26,15 +25,17 @@ final class Worker {
     }
 
     private final Events events;
+    /** Whether it runs elsewhere: its end is then reported as soon as its connection ends. */
+    private final boolean remote;
     /** The worker as its launcher sees it: where it runs, how it ends. */
     final Launcher.Launched launched;
     /** The pool's slot the worker fills. */
     final int slot;
     private final SocketChannel channel;
-    private final OutputStream out;
+    private final Outbox out;
     /** The second connection, which carries interrupts (and heartbeats), so that the worker reads them while a task runs. */
     final SocketChannel control;
-    private final OutputStream interrupts;
+    private final Outbox interrupts;
     /** The heartbeats read from the control channel (remote workers). */
     final Wire.Assembler controlFrames = new Wire.Assembler();
     /** When the last heartbeat came, and the resident memory it reported. */
@@ -59,15 +60,19 @@ final class Worker {
      * @param channels its connections for tasks and for interrupts
      * @param slot     the pool's slot it fills
      * @param events   where it reports its answers and its end
+     * @param flusher  the pool's writer thread, for what a socket cannot take at once
+     * @param remote   whether it runs elsewhere, connected over TCP
      */
-    Worker(Launcher.Launched launched, Transport.Channels channels, int slot, Events events) throws IOException {
+    Worker(Launcher.Launched launched, Transport.Channels channels, int slot, Events events, Outbox.Flusher flusher,
+            boolean remote) throws IOException {
+        this.remote = remote;
         this.events = events;
         this.launched = launched;
         this.slot = slot;
         this.channel = channels.tasks();
         this.control = channels.control();
-        out = Wire.output(channel);
-        interrupts = Wire.output(control);
+        out = new Outbox(channel, flusher, this::silent);
+        interrupts = new Outbox(control, flusher, this::silent);
         answers = new Answers(this, channel);
         answers.start();
         launched.ended().thenRun(answers::wakeReader);
@@ -117,13 +122,13 @@ final class Worker {
             }
             current = task;
             task.worker = this;
-            try {
-                task.frame.send(out);
-            } catch (IOException e) {
-                // The reader sees the end and fails the task.
-                kill(null);
-                return true;
-            }
+        }
+        try {
+            out.send(task.frame.frame());
+        } catch (IOException e) {
+            // The reader sees the end and fails the task.
+            kill(null);
+            return true;
         }
         answers.sent(task);
         return true;
@@ -158,16 +163,16 @@ final class Worker {
 
     private void sendInterrupt(long id) {
         try {
-            new Wire.Writer(Wire.INTERRUPT, id).send(interrupts);
+            interrupts.send(new Wire.Writer(Wire.INTERRUPT, id).frame());
         } catch (IOException e) {
             kill(null);
         }
     }
 
     /** Tells the worker that the pool lives (remote workers end when this stops coming). */
-    synchronized void sendHeartbeat() {
+    void sendHeartbeat() {
         try {
-            new Wire.Writer(Wire.HEARTBEAT, 0).send(interrupts);
+            interrupts.send(new Wire.Writer(Wire.HEARTBEAT, 0).frame());
         } catch (IOException e) {
             kill(null);
         }
@@ -262,17 +267,21 @@ final class Worker {
         answers.wakeWaiter();
     }
 
-    /** An answer came: it completes the task it answers, which is reported. */
+    /**
+     * An answer came: it completes the task it answers, which is reported.
+     * It is decoded first, while the task is still this worker's, so that an
+     * answer that does not decode fails the task with the worker's loss.
+     */
     void answered(Wire.Frame f) throws Wire.WireException {
-        Task task;
+        Task task = current;
+        if (task == null || task.id != f.task()) {
+            throw new Wire.WireException("an answer for task " + f.task() + ", which does not run");
+        }
+        Runnable completion = task.answer(f);
         synchronized (this) {
-            task = current;
-            if (task == null || task.id != f.task()) {
-                throw new Wire.WireException("an answer for task " + f.task() + ", which does not run");
-            }
             current = null;
         }
-        task.answer(f);
+        completion.run();
         events.answered(this, task);
     }
 
@@ -281,11 +290,23 @@ final class Worker {
         if (!ended.compareAndSet(false, true)) {
             return;
         }
-        // The connection ended: the worker has, or will in a moment (it halts when its input ends).
-        endWithin(launched, TimeUnit.SECONDS.toNanos(launched.job() != null ? 10 : 2));
-        if (reason == null) {
-            String why = launched.ended().getNow(null);
-            reason = why != null ? why : "the connection to the worker closed";
+        if (remote) {
+            // Elsewhere, the connection's end is the news: a node that died or a worker that crashed is lost now,
+            // not once its scheduler has noticed. Its job is ended; what the scheduler knows already is added.
+            if (reason == null) {
+                String why = launched.ended().getNow(null);
+                String host = launched.host();
+                reason = "the connection to the worker" + (host == null ? "" : " on " + host) + " was lost"
+                        + (why == null ? "" : " (" + why + ")");
+            }
+            launched.kill();
+        } else {
+            // The connection ended: the worker has, or will in a moment (it halts when its input ends).
+            endWithin(launched, TimeUnit.SECONDS.toNanos(2));
+            if (reason == null) {
+                String why = launched.ended().getNow(null);
+                reason = why != null ? why : "the connection to the worker closed";
+            }
         }
         answers.close(out, interrupts, channel, control);
         Task task;

@@ -88,6 +88,10 @@ public final class WorkerMain {
             if (heartbeat > 0) {
                 worker.startHeartbeats(control, heartbeat);
             }
+            Thread interrupter = new Thread(worker::makeInterrupts, "ambrix-worker-interrupter");
+            interrupter.setDaemon(true);
+            worker.interrupter = interrupter;
+            interrupter.start();
             Thread second = new Thread(() -> worker.guarded(() -> worker.interrupts(control)),
                     "ambrix-worker-interrupts");
             second.setDaemon(true);
@@ -216,7 +220,26 @@ public final class WorkerMain {
             if (f.kind() != Wire.INTERRUPT) {
                 throw new Wire.WireException("malformed frame: kind " + f.kind() + " on the interrupt channel");
             }
-            interrupt(f.task());
+            // Made on a thread of its own: this one reads on, heartbeats included, however many come.
+            wanted.set(f.task());
+            LockSupport.unpark(interrupter);
+        }
+    }
+
+    /** The task the pool last asked to interrupt, not yet taken up; 0 for none. */
+    private final java.util.concurrent.atomic.AtomicLong wanted = new java.util.concurrent.atomic.AtomicLong();
+    /** The thread that makes the interrupts the pool asks for. */
+    private volatile Thread interrupter;
+
+    /** The interrupter thread: makes each interrupt asked for, the latest first. */
+    private void makeInterrupts() {
+        while (true) {
+            long id = wanted.getAndSet(0);
+            if (id == 0) {
+                LockSupport.park(this);
+            } else {
+                interrupt(id);
+            }
         }
     }
 
@@ -225,13 +248,13 @@ public final class WorkerMain {
      * channel, so it may arrive before the task's frame is read, or before
      * its kernel call begins, when the kernel would drop it: it is made
      * again every few milliseconds, for half a second at most, until the
-     * task is answered or another one runs.
+     * task is answered, another one runs, or another interrupt is asked for.
      */
     private void interrupt(long id) {
         for (int i = 0; i < 100; i++) {
             kernel.interrupt(id);
             long c = current;
-            if (c != id && (c != 0 || answered == id)) {
+            if (c != id && (c != 0 || answered == id) || wanted.get() != 0) {
                 return;
             }
             LockSupport.parkNanos(TimeUnit.MILLISECONDS.toNanos(5));
