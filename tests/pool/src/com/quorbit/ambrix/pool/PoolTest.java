@@ -541,6 +541,44 @@ class PoolTest {
                 warnings.get(0));
     }
 
+    /** Local worker processes that connect over TCP as remote ones do: with the pool's secret, and heartbeats. */
+    static final Launcher TCP = launch -> Launcher.local().launch(launch);
+
+    /**
+     * Workers over TCP whose heartbeats come are kept past twice their
+     * timeout, one idle and one running a task of 6 s (its time limit): the
+     * same processes all along, never taken for lost, and both answer
+     * afterwards.
+     */
+    @Test
+    void workersWhoseHeartbeatsComeOutliveTheirTimeout() throws Exception {
+        java.util.logging.Logger log = java.util.logging.Logger.getLogger("com.quorbit.ambrix.pool");
+        LogRecords records = new LogRecords();
+        log.addHandler(records);
+        try (EnginePool p = EnginePool.builder().workers(2).launcher(TCP).listenAddress("127.0.0.1")
+                .heartbeatTimeout(Duration.ofSeconds(3)).build()) {
+            assertTrue(p.awaitWorkers(2, Duration.ofSeconds(WAIT_SECONDS)), p.workerStates().toString());
+            java.util.List<Long> pids = p.workerPids();
+            CompletableFuture<Result> task = p.submit("for i to 10^9 do end do;", Duration.ofSeconds(6));
+            long end = System.nanoTime() + TimeUnit.SECONDS.toNanos(7);
+            while (System.nanoTime() < end) {
+                assertEquals(pids, p.workerPids(), () -> "a worker was lost or replaced: " + records.messages);
+                Thread.sleep(100);
+            }
+            Throwable e = failure(task, "the end of the 6 s task by its time limit");
+            assertFalse(e instanceof WorkerLostException, e::getMessage);
+            assertEquals("time limit of 6 s passed", e.getMessage());
+            try (Session a = p.session(); Session b = p.session()) {
+                assertEquals("3", a.evaluate("1 + 2;").text());
+                assertEquals("4", b.evaluate("2 + 2;").text());
+            }
+            assertEquals(pids, p.workerPids());
+        } finally {
+            log.removeHandler(records);
+        }
+        assertFalse(records.messages.stream().anyMatch(m -> m.contains("heartbeat")), records.messages::toString);
+    }
+
     @Test
     void aLocalPoolReportsItsWorkersAndWaitsForThem() throws Exception {
         awaitWorkers(pool, 2, java.util.List.of());
