@@ -61,6 +61,12 @@ class VexelClientTests(unittest.TestCase):
                                  ("execute_result", "1024")])
         self.assertEqual(out[-1]["content"]["execution_count"], reply["execution_count"])
 
+    def test_a_back_quoted_name_may_end_in_a_backslash(self):
+        reply, out = self.run_cell("`dir\\` := 5: `dir\\`; `dir\\` + 1;")
+        self.assertEqual([m["msg_type"] for m in out], ["display_data", "execute_result"], out)
+        self.assertEqual([m["content"]["data"]["text/plain"] for m in out], ["5", "6"])
+        self.assertEqual(reply["status"], "ok")
+
     def test_an_error_stops_the_cell(self):
         reply, out = self.run_cell('print("before"); error "stop here %1", 7; print("after");')
         self.assertEqual(reply["status"], "error")

@@ -22,8 +22,10 @@ class VexelKernelTests(jupyter_kernel_test.KernelTests):
         {"text": "prin", "matches": {"print"}},
         {"text": "x := kernela", "matches": {"kernelargs"}},
     ]
-    complete_code_samples = ["1 + 2;", "f := proc(x) x^2 end proc:", "if 1 < 2 then 3 fi;", "", "?print"]
-    incomplete_code_samples = ["f := proc(x)", "1 + ", "[1, 2", '"open string']
+    # A backslash escapes only inside "...": a back-quoted name may end in one, a string may not.
+    complete_code_samples = ["1 + 2;", "f := proc(x) x^2 end proc:", "if 1 < 2 then 3 fi;", "", "?print",
+                             "`dir\\` := 5; `dir\\` + 1;"]
+    incomplete_code_samples = ["f := proc(x)", "1 + ", "[1, 2", '"open string', '"escaped \\";']
     invalid_code_samples = ["1 + 2);", "end;"]
 
     code_inspect_sample = "print"

@@ -12,9 +12,11 @@ import com.quorbit.ambrix.Kernel;
 import com.quorbit.externalcall.VexelException;
 import java.time.Duration;
 import java.util.concurrent.CompletableFuture;
-import java.util.concurrent.CompletionException;
+import java.util.concurrent.ExecutionException;
 import java.util.concurrent.TimeUnit;
+import java.util.concurrent.TimeoutException;
 import org.junit.jupiter.api.AfterAll;
+import org.junit.jupiter.api.AfterEach;
 import org.junit.jupiter.api.BeforeAll;
 import org.junit.jupiter.api.Test;
 import org.junit.jupiter.api.Timeout;
@@ -27,7 +29,7 @@ import org.junit.jupiter.params.provider.ValueSource;
  * values, and the pool's close. Timing bounds are generous: they tell a
  * kill from a hang, not a fast machine from a slow one.
  */
-@Timeout(value = 120, unit = TimeUnit.SECONDS)
+@Timeout(value = 60, unit = TimeUnit.SECONDS)
 class PoolTest {
     static EnginePool pool;
 
@@ -44,14 +46,72 @@ class PoolTest {
         pool.close();
     }
 
-    /** The failure of a future, unwrapped. */
-    static Throwable failure(CompletableFuture<?> f) {
-        CompletionException e = assertThrows(CompletionException.class, f::join);
-        return e.getCause();
+    /**
+     * After each test every worker of the shared pool is ready again. A
+     * worker still busy (with a task that a fault left running) fails the
+     * test, and the pool is replaced, so that the tests after it do not wait
+     * behind that task.
+     */
+    @AfterEach
+    void everyWorkerIsReadyAgain() throws InterruptedException {
+        long end = System.nanoTime() + TimeUnit.SECONDS.toNanos(10);
+        while (!pool.workerStates().stream().allMatch(s -> s.status() == WorkerState.Status.READY)) {
+            if (System.nanoTime() > end) {
+                java.util.List<WorkerState> states = pool.workerStates();
+                pool.close();
+                start();
+                throw new AssertionError("the workers were not all ready 10 s after the test: " + states);
+            }
+            Thread.sleep(20);
+        }
     }
 
-    static WorkerLostException lost(CompletableFuture<?> f) {
-        return assertInstanceOf(WorkerLostException.class, failure(f));
+    /**
+     * How long a test waits for a task to end, where it would end in a
+     * second or two: a task that the pool never ends fails its test in
+     * seconds, saying what did not happen, rather than hanging the suite.
+     */
+    static final long WAIT_SECONDS = 15;
+
+    /** What a future gives, waited for at most WAIT_SECONDS; `what` did not happen otherwise. */
+    static <T> T within(CompletableFuture<T> f, String what) throws ExecutionException {
+        try {
+            return f.get(WAIT_SECONDS, TimeUnit.SECONDS);
+        } catch (TimeoutException e) {
+            throw new AssertionError(what + " did not happen within " + WAIT_SECONDS + " s");
+        } catch (InterruptedException e) {
+            Thread.currentThread().interrupt();
+            throw new AssertionError("interrupted while waiting for " + what, e);
+        }
+    }
+
+    /** The answer of a future, waited for with a bound. */
+    static <T> T answer(CompletableFuture<T> f, String what) {
+        try {
+            return within(f, what);
+        } catch (ExecutionException e) {
+            throw new AssertionError(what + " did not happen: the task failed with " + e.getCause(), e.getCause());
+        }
+    }
+
+    /** A statement's answer, waited for with a bound. */
+    static Result answer(EnginePool p, String statement) {
+        return answer(p.submit(statement), "the answer to " + statement);
+    }
+
+    /** The failure of a future, unwrapped, waited for with a bound. */
+    static Throwable failure(CompletableFuture<?> f, String what) {
+        Object answer;
+        try {
+            answer = within(f, what);
+        } catch (ExecutionException e) {
+            return e.getCause();
+        }
+        throw new AssertionError(what + " did not happen: the task answered " + answer);
+    }
+
+    static WorkerLostException lost(CompletableFuture<?> f, String what) {
+        return assertInstanceOf(WorkerLostException.class, failure(f, what));
     }
 
     static void awaitWorkers(EnginePool p, int n, java.util.List<Long> gone) throws InterruptedException {
@@ -73,22 +133,23 @@ class PoolTest {
         java.util.List<Long> before = pool.workerPids();
         CompletableFuture<Result> other = pool.submit("for i to 200000 do end do; 7;");
         long start = System.nanoTime();
-        WorkerLostException e = lost(pool.submit("crashkernel();"));
+        WorkerLostException e = lost(pool.submit("crashkernel();"), "the failure of the crashed worker's task");
         long ms = TimeUnit.NANOSECONDS.toMillis(System.nanoTime() - start);
         assertEquals("signal 11 (SIGSEGV)", e.reason());
         assertTrue(e.getMessage().startsWith("kernel process ended: signal 11 (SIGSEGV)"), e.getMessage());
         assertTrue(ms < 3000, "the crash was reported after " + ms + " ms");
-        assertEquals("7", other.join().text());
+        assertEquals("7", answer(other, "the other worker's answer").text());
         java.util.List<Long> crashed = new java.util.ArrayList<>(before);
         crashed.removeAll(pool.workerPids());
         awaitWorkers(pool, 2, crashed);
-        assertEquals("12", pool.submit("area(3, 4);").join().text());
+        assertEquals("12", answer(pool, "area(3, 4);").text());
     }
 
     @Test
     void aTaskThatIgnoresInterruptsIsKilledAfterItsGrace() throws Exception {
         long start = System.nanoTime();
-        WorkerLostException e = lost(pool.submit("spin();", Duration.ofMillis(200)));
+        WorkerLostException e = lost(pool.submit("spin();", Duration.ofMillis(200)),
+                "the kill of a task past its time limit and grace");
         long ms = TimeUnit.NANOSECONDS.toMillis(System.nanoTime() - start);
         assertEquals("killed after the time limit of 0.2 s passed and a grace of 0.5 s", e.reason());
         assertTrue(ms >= 700 && ms < 3000, "killed after " + ms + " ms");
@@ -100,7 +161,8 @@ class PoolTest {
     @ValueSource(ints = {200, 0})
     void aLoopUnderATimeLimitIsInterruptedAndItsWorkerSurvives(int ms) {
         java.util.List<Long> before = pool.workerPids();
-        Throwable e = failure(pool.submit("for i to 10^9 do end do;", Duration.ofMillis(ms)));
+        Throwable e = failure(pool.submit("for i to 10^9 do end do;", Duration.ofMillis(ms)),
+                "the interrupt of a loop past its time limit");
         assertInstanceOf(VexelException.class, e);
         assertFalse(e instanceof WorkerLostException, e::getMessage);
         assertEquals("time limit of " + (ms == 0 ? "0" : "0.2") + " s passed", e.getMessage());
@@ -148,7 +210,7 @@ class PoolTest {
             CompletableFuture<Result> f = one.submit("for i to 10^9 do end do;", Duration.ofMillis(300));
             assertTrue(f.cancel(false));
             assertThrows(java.util.concurrent.CancellationException.class, f::join);
-            assertEquals("2", one.submit("2;").join().text());
+            assertEquals("2", answer(one.submit("2;"), "the answer after the cancelled task's time limit").text());
         }
     }
 
@@ -211,19 +273,19 @@ class PoolTest {
     void aResultTooLargeForTheWorkersHeapFailsOnlyItsTask() {
         java.util.List<Long> before = pool.workerPids();
         // 80 MB of doubles, in a worker whose heap is 64 MB.
-        Throwable e = failure(pool.submit("Array(1..10^7, datatype = float[8]):"));
+        Throwable e = failure(pool.submit("Array(1..10^7, datatype = float[8]):"), "the failure of a large result");
         assertFalse(e instanceof WorkerLostException);
         assertTrue(e.getMessage().startsWith("the worker's Java heap cannot hold the result"), e.getMessage());
         assertEquals(before, pool.workerPids());
-        assertEquals(2L, pool.submit("1+1;").join().value());
+        assertEquals(2L, answer(pool, "1+1;").value());
     }
 
     @Test
     void eachTaskRunsInACleanKernelWithItsInitialization() {
         for (int i = 0; i < 3; i++) {
-            assertEquals("", pool.submit("leak := 42:").join().text());
-            assertEquals("leak", pool.submit("leak;").join().text());
-            assertEquals(13.5, pool.call("area", 3, 4.5).join());
+            assertEquals("", answer(pool, "leak := 42:").text());
+            assertEquals("leak", answer(pool, "leak;").text());
+            assertEquals(13.5, answer(pool.call("area", 3, 4.5), "the call of area"));
         }
     }
 
@@ -240,14 +302,16 @@ class PoolTest {
             assertEquals("no 5", error.getMessage());
             assertEquals("1", s.evaluate("1;").text());
         }
-        assertEquals("g", pool.submit("g;").join().text());
+        assertEquals("g", answer(pool, "g;").text());
     }
 
     @Test
     void aSessionWhoseWorkerIsLostThrowsOnEveryCall() throws Exception {
         Session s = pool.session();
         s.evaluate("h := 1:");
-        WorkerLostException first = assertThrows(WorkerLostException.class, () -> s.evaluate("crashkernel();"));
+        // On a thread of its own: a session's call waits as long as its task does.
+        WorkerLostException first = lost(CompletableFuture.supplyAsync(() -> s.evaluate("crashkernel();")),
+                "the failure of a session's call whose worker crashed");
         assertEquals("signal 11 (SIGSEGV)", first.reason());
         assertThrows(WorkerLostException.class, () -> s.evaluate("h;"));
         assertThrows(WorkerLostException.class, () -> s.call("area", 1, 2));
@@ -277,14 +341,16 @@ class PoolTest {
         long[] before = new long[2];
         long[] gained = new long[2];
         boolean overlapped = false;
-        while (!overlapped && !a.isDone() && !b.isDone()) {
+        long end = System.nanoTime() + TimeUnit.SECONDS.toNanos(WAIT_SECONDS);
+        while (!overlapped && !a.isDone() && !b.isDone() && System.nanoTime() < end) {
             for (int i = 0; i < 2; i++) before[i] = cpuTicks(pids.get(i));
             Thread.sleep(200);
             for (int i = 0; i < 2; i++) gained[i] = cpuTicks(pids.get(i)) - before[i];
             overlapped = gained[0] >= 5 && gained[1] >= 5 && !a.isDone() && !b.isDone();
         }
         for (CompletableFuture<Result> f : java.util.List.of(a, b)) {
-            assertTrue(failure(f).getMessage().contains("time limit of 4 s passed"), failure(f).getMessage());
+            String message = failure(f, "the interrupt of a loop past its time limit").getMessage();
+            assertTrue(message.contains("time limit of 4 s passed"), message);
         }
         assertTrue(overlapped, "the workers did not both run in one window: " + gained[0] + " and " + gained[1]
                 + " ticks");
@@ -302,42 +368,43 @@ class PoolTest {
     @MethodSource("com.quorbit.ambrix.ConversionTest#kernelRoundTrips")
     void resultValuesAreTheConversionsValues(String statement) {
         Object here = Kernel.eval(statement + ";").toJava();
-        Object there = pool.submit(statement + ";").join().value();
+        Object there = answer(pool, statement + ";").value();
         assertTrue(ConversionTest.same(here, there), () -> statement + " gave " + ConversionTest.show(there));
     }
 
     @ParameterizedTest
     @MethodSource("values")
     void valuesRoundTripThroughAWorker(Object java) {
-        Object back = pool.call("same", java).join();
+        Object back = answer(pool.call("same", java), "the value's return");
         assertTrue(ConversionTest.same(java, back), () -> ConversionTest.show(java) + " came back as "
                 + ConversionTest.show(back));
     }
 
     @Test
     void resultsCarryTheirValuesAndText() {
-        Result r = pool.submit("print(1); 2^100;").join();
+        Result r = answer(pool, "print(1); 2^100;");
         assertEquals("1267650600228229401496703205376", r.text());
         assertEquals(java.math.BigInteger.TWO.pow(100), r.value());
         assertEquals(java.util.List.of("1"), r.output());
-        assertEquals(null, pool.submit("x + 1;").join().value());
-        assertEquals("x+1", pool.submit("x + 1;").join().text());
-        double[] d = (double[]) pool.submit("Array(1..3, [1.5, 2.5, 3.5], datatype = float[8]);").join().value();
+        assertEquals(null, answer(pool, "x + 1;").value());
+        assertEquals("x+1", answer(pool, "x + 1;").text());
+        double[] d = (double[]) answer(pool, "Array(1..3, [1.5, 2.5, 3.5], datatype = float[8]);").value();
         assertEquals(3.5, d[2]);
         assertThrows(VexelException.class, () -> pool.call("area", new Object()));
-        Result plotted = pool.submit("plot(x, x = 0..1); plot([x, x^2], x = 0..1); 7;").join();
+        Result plotted = answer(pool, "plot(x, x = 0..1); plot([x, x^2], x = 0..1); 7;");
         assertEquals("7", plotted.text());
         assertEquals(2, plotted.plots().size());
         assertTrue(plotted.plots().get(1).startsWith("<svg") && plotted.plots().get(1).contains("class=\"legend\""));
-        assertEquals(java.util.List.of(), pool.submit("1;").join().plots());
+        assertEquals(java.util.List.of(), answer(pool, "1;").plots());
     }
 
     @Test
     void aWorkerPastItsMemoryLimitIsKilled() {
         try (EnginePool p = EnginePool.builder().workers(1).kernelArguments("-q", "--test-hooks")
                 .memoryLimit(256L << 20).build()) {
-            assertEquals("memory limit of 256 MiB passed", lost(p.submit("hogmemory();")).reason());
-            assertEquals("3", p.submit("1 + 2;").join().text());
+            assertEquals("memory limit of 256 MiB passed",
+                    lost(p.submit("hogmemory();"), "the kill of a worker past its memory limit").reason());
+            assertEquals("3", answer(p, "1 + 2;").text());
         }
     }
 
@@ -351,9 +418,9 @@ class PoolTest {
         CompletableFuture<Object> call = p.call("area", 1, 2);
         p.close();
         for (CompletableFuture<?> f : java.util.List.of(running, queued, call)) {
-            assertEquals("pool closed", lost(f).reason());
+            assertEquals("pool closed", lost(f, "the failure of a task at the pool's close").reason());
         }
-        assertEquals("pool closed", lost(p.submit("1;")).reason());
+        assertEquals("pool closed", lost(p.submit("1;"), "the refusal of a task after close").reason());
         assertThrows(WorkerLostException.class, p::session);
         for (long pid : pids) assertFalse(alive(pid), "worker " + pid + " is alive");
         assertTrue(p.workerPids().isEmpty());
@@ -463,8 +530,8 @@ class PoolTest {
                 assertEquals("3", s.evaluate("3;").text());
                 assertFalse(first.isDone());
             }
-            assertEquals("1", first.join().text());
-            assertEquals("2", second.join().text());
+            assertEquals("1", answer(first, "the answer of a task that waited for the session").text());
+            assertEquals("2", answer(second, "the answer of a task that waited for the session").text());
         } finally {
             log.removeHandler(records);
         }
@@ -472,6 +539,44 @@ class PoolTest {
         assertEquals(1, warnings.size(), records.messages.toString());
         assertTrue(warnings.get(0).startsWith("WARNING a task waits in line while every worker (1) is held"),
                 warnings.get(0));
+    }
+
+    /** Local worker processes that connect over TCP as remote ones do: with the pool's secret, and heartbeats. */
+    static final Launcher TCP = launch -> Launcher.local().launch(launch);
+
+    /**
+     * Workers over TCP whose heartbeats come are kept past twice their
+     * timeout, one idle and one running a task of 6 s (its time limit): the
+     * same processes all along, never taken for lost, and both answer
+     * afterwards.
+     */
+    @Test
+    void workersWhoseHeartbeatsComeOutliveTheirTimeout() throws Exception {
+        java.util.logging.Logger log = java.util.logging.Logger.getLogger("com.quorbit.ambrix.pool");
+        LogRecords records = new LogRecords();
+        log.addHandler(records);
+        try (EnginePool p = EnginePool.builder().workers(2).launcher(TCP).listenAddress("127.0.0.1")
+                .heartbeatTimeout(Duration.ofSeconds(3)).build()) {
+            assertTrue(p.awaitWorkers(2, Duration.ofSeconds(WAIT_SECONDS)), p.workerStates().toString());
+            java.util.List<Long> pids = p.workerPids();
+            CompletableFuture<Result> task = p.submit("for i to 10^9 do end do;", Duration.ofSeconds(6));
+            long end = System.nanoTime() + TimeUnit.SECONDS.toNanos(7);
+            while (System.nanoTime() < end) {
+                assertEquals(pids, p.workerPids(), () -> "a worker was lost or replaced: " + records.messages);
+                Thread.sleep(100);
+            }
+            Throwable e = failure(task, "the end of the 6 s task by its time limit");
+            assertFalse(e instanceof WorkerLostException, e::getMessage);
+            assertEquals("time limit of 6 s passed", e.getMessage());
+            try (Session a = p.session(); Session b = p.session()) {
+                assertEquals("3", a.evaluate("1 + 2;").text());
+                assertEquals("4", b.evaluate("2 + 2;").text());
+            }
+            assertEquals(pids, p.workerPids());
+        } finally {
+            log.removeHandler(records);
+        }
+        assertFalse(records.messages.stream().anyMatch(m -> m.contains("heartbeat")), records.messages::toString);
     }
 
     @Test

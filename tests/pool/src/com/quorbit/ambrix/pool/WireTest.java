@@ -75,6 +75,7 @@ class WireTest {
                 Arguments.of("truncated", header(100, 10).array(), "truncated frame"),
                 Arguments.of("oversized", header(Integer.MAX_VALUE, 0).array(), "bad frame length"),
                 Arguments.of("too short", header(4, 0).array(), "bad frame length"),
+                Arguments.of("a byte short of a task number", header(8, 0).array(), "bad frame length"),
                 Arguments.of("negative", header(-1, 0).array(), "bad frame length"),
                 Arguments.of("cut in its length", new byte[] {0, 0}, "truncated frame"));
     }
@@ -89,6 +90,17 @@ class WireTest {
             Wire.WireException a = assertThrows(Wire.WireException.class, () -> assemble(bytes, chunk));
             assertEquals(e.getMessage(), a.getMessage());
         }
+    }
+
+    /** The shortest frame, a kind and a task number with no payload, comes whole whichever way its bytes come. */
+    @ParameterizedTest
+    @org.junit.jupiter.params.provider.ValueSource(ints = {1, Integer.MAX_VALUE})
+    void theShortestFrameHasNoPayload(int chunk) throws Exception {
+        java.util.List<Wire.Frame> frames = assemble(header(9, 0).array(), chunk);
+        assertEquals(1, frames.size());
+        assertEquals(Wire.EVAL, frames.get(0).kind());
+        assertEquals(1, frames.get(0).task());
+        assertEquals(0, frames.get(0).payload().remaining());
     }
 
     /** A non-blocking channel: at most `chunk` bytes a read, with "nothing for now" between reads. */
