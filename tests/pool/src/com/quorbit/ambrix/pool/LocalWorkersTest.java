@@ -119,10 +119,10 @@ class LocalWorkersTest {
             PoolTest.lost(p.submit("crashkernel();"));
             CompletableFuture<Result> waiting = p.submit("1 + 1;");
             if (recovers) {
-                assertEquals("2", waiting.get(20, TimeUnit.SECONDS).text());
+                assertEquals("2", waiting.get(30, TimeUnit.SECONDS).text());
                 assertTrue(p.awaitWorkers(1, Duration.ofSeconds(10)), "no worker after " + statuses(p));
             } else {
-                Throwable e = assertThrows(ExecutionException.class, () -> waiting.get(20, TimeUnit.SECONDS))
+                Throwable e = assertThrows(ExecutionException.class, () -> waiting.get(30, TimeUnit.SECONDS))
                         .getCause();
                 assertTrue(e.getMessage().startsWith("no worker could be started: ")
                         && e.getMessage().contains("NoSuchAmbrixOption"), e.getMessage());
