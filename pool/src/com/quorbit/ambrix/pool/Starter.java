@@ -4,16 +4,21 @@ import com.quorbit.externalcall.VexelException;
 import java.io.IOException;
 import java.lang.System.Logger.Level;
 import java.nio.file.Path;
+import java.util.HashSet;
 import java.util.List;
+import java.util.Set;
 import java.util.concurrent.ExecutionException;
 import java.util.concurrent.TimeUnit;
 import java.util.concurrent.TimeoutException;
+import java.util.function.IntSupplier;
 
 /**
  * How a slot's worker comes to be: launched by the pool's {@link Launcher},
  * connected through the {@link Transport} (with {@link Heartbeats} over
  * TCP), and its kernel started. What it launches and connects is recorded
- * in the slot, under the {@link Supervisor}'s lock, so that a close finds it.
+ * in the slot, under the {@link Supervisor}'s lock, so that a close finds it;
+ * and every launch is kept until it has ended, whether it became a worker
+ * or not, so that a close ends them all.
  */
 final class Starter {
     private final PoolSettings settings;
@@ -29,6 +34,12 @@ final class Starter {
     private final Heartbeats heartbeats;
     /** The pool's writer thread. */
     private final Outbox.Flusher flusher;
+    /** Launches that have not ended yet. Guarded by lock. */
+    private final Set<Launcher.Launched> live = new HashSet<>();
+    /** Calls of the launcher under way, whose launch is not yet in live. Guarded by lock. */
+    private int launching;
+    /** Set when the pool closes: no launch begins after it. Guarded by lock. */
+    private boolean refusing;
 
     Starter(PoolSettings settings, Tasks tasks, Worker.Events events, Object lock) {
         this.settings = settings;
@@ -61,22 +72,79 @@ final class Starter {
         return transport.open();
     }
 
-    /** Launches a worker into the slot: its command, with where and as what to connect. */
+    /**
+     * Launches a worker into the slot: its command, with where and as what to
+     * connect. The launch is kept until it ends.
+     *
+     * @throws IOException when it cannot be launched, or the pool is closing
+     */
     Launcher.Launched launch(Slot slot, Transport.Rendezvous rendezvous) throws IOException {
         List<String> c = settings.workerCommand();
         c.addAll(rendezvous.arguments());
         if (heartbeats != null) {
             c.add("--heartbeat=" + settings.heartbeatTimeout().toMillis());
         }
-        Launcher.Launched launched = settings.launcher().launch(
-                new Launcher.Launch(c, rendezvous.environment(), settings.memoryLimit(), "ambrix-worker"));
+        synchronized (lock) {
+            if (refusing) {
+                throw new IOException("the pool is closing");
+            }
+            launching++;
+        }
+        Launcher.Launched launched = null;
+        try {
+            launched = settings.launcher().launch(
+                    new Launcher.Launch(c, rendezvous.environment(), settings.memoryLimit(), "ambrix-worker"));
+        } finally {
+            synchronized (lock) {
+                launching--;
+                if (launched != null) {
+                    live.add(launched);
+                    slot.launched = launched;
+                }
+                lock.notifyAll();
+            }
+        }
         if (launched == null) {
             throw new IOException("the launcher started nothing");
         }
-        synchronized (lock) {
-            slot.launched = launched;
-        }
+        Launcher.Launched ending = launched;
+        launched.ended().whenComplete((why, failure) -> {
+            synchronized (lock) {
+                live.remove(ending);
+                lock.notifyAll();
+            }
+        });
         return launched;
+    }
+
+    /** No launch begins from now on. Under the lock. */
+    void refuseLaunches() {
+        refusing = true;
+    }
+
+    /**
+     * The launches still alive but those given (workers that end by their
+     * own stop), once the launcher calls under way have returned. Launches
+     * are refused by then, so no other can begin.
+     */
+    List<Launcher.Launched> launchesLeft(Set<Launcher.Launched> except) {
+        synchronized (lock) {
+            refusing = true;
+            awaitNone(lock, () -> launching);
+            return live.stream().filter(l -> !except.contains(l)).toList();
+        }
+    }
+
+    /** Waits on the lock, which the caller holds, until the count is 0 or an interrupt comes. */
+    static void awaitNone(Object lock, IntSupplier count) {
+        while (count.getAsInt() > 0) {
+            try {
+                lock.wait();
+            } catch (InterruptedException e) {
+                Thread.currentThread().interrupt();
+                return;
+            }
+        }
     }
 
     /** Starts one local worker and waits until its kernel is ready; it is not yet admitted. */

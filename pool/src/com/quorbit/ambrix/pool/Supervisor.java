@@ -7,11 +7,13 @@ import java.time.Duration;
 import java.util.ArrayList;
 import java.util.Arrays;
 import java.util.List;
+import java.util.Set;
 import java.util.concurrent.CompletableFuture;
 import java.util.concurrent.ExecutionException;
 import java.util.concurrent.ExecutorService;
 import java.util.concurrent.Executors;
 import java.util.concurrent.TimeUnit;
+import java.util.stream.Collectors;
 
 /**
  * The pool's worker slots and what fills them: the launch of each worker,
@@ -25,12 +27,14 @@ final class Supervisor {
     private final Dispatch dispatch;
     /** How a slot's worker is launched, connected and started. */
     private final Starter starter;
-    /** The threads that wait for remote workers to connect, however long they queue. */
+    /** The threads that start workers: local ones, and remote ones waited for however long they queue. */
     private final ExecutorService starters = Executors.newCachedThreadPool(r -> {
         Thread t = new Thread(r, "ambrix-pool-start");
         t.setDaemon(true);
         return t;
     });
+    /** The pause of a local slot's launch after one that failed; it doubles after each failure. */
+    static final long RETRY_MILLIS = 500;
     private final Object lock = new Object();
     /** Guarded by lock. */
     private final Slot[] slots;
@@ -158,18 +162,23 @@ final class Supervisor {
         }
     }
 
-    /** A launch ended before its worker was ready: another, or the slot gives up. */
+    /**
+     * A launch ended before its worker was ready: another, or the slot gives
+     * up. A local slot pauses before it launches again, {@value #RETRY_MILLIS}
+     * ms after the first failure, doubling after each.
+     */
     private void launchFailed(Slot slot, String why) {
         boolean again;
         boolean none;
+        int failures;
         synchronized (lock) {
             slot.launched = null;
             slot.worker = null;
             if (closed) {
                 return;
             }
-            slot.failures++;
-            again = slot.failures < Slot.FAILED_LAUNCHES;
+            failures = ++slot.failures;
+            again = failures < Slot.FAILED_LAUNCHES;
             if (!again) {
                 slot.gaveUp = why;
                 lock.notifyAll();
@@ -177,8 +186,14 @@ final class Supervisor {
             none = noSlotLeft();
         }
         if (again) {
-            EnginePool.LOG.log(Level.WARNING, "a worker ended before it was ready (" + why + "); launching another");
-            launchAndWait(slot);
+            long pause = starter.remote() ? 0 : RETRY_MILLIS << (failures - 1);
+            EnginePool.LOG.log(Level.WARNING, "a worker ended before it was ready (" + why + "); launching another"
+                    + (pause > 0 ? " in " + pause + " ms" : ""));
+            if (starter.remote()) {
+                launchAndWait(slot);
+            } else {
+                startLocal(slot, pause, null);
+            }
             return;
         }
         EnginePool.LOG.log(Level.ERROR, "worker slot " + slot.index + " gave up after " + Slot.FAILED_LAUNCHES
@@ -186,6 +201,68 @@ final class Supervisor {
         if (none) {
             // No worker will ever take what waits: it fails with the last reason.
             dispatch.failWaiting(new VexelException("no worker could be started: " + why));
+        }
+    }
+
+    /**
+     * Starts a local worker into the slot on a starter thread, after a pause
+     * that a close cuts short; it counts as a replacement under way until it
+     * is admitted or has failed. A start that fails is a failed launch.
+     *
+     * @param replaced the worker it replaces, for the log; null for a launch after a failed one
+     */
+    private void startLocal(Slot slot, long pauseMillis, Worker replaced) {
+        synchronized (lock) {
+            if (closed) {
+                return;
+            }
+            starting++;
+        }
+        try {
+            starters.execute(() -> {
+                try {
+                    if (!pause(pauseMillis)) {
+                        return;
+                    }
+                    Worker fresh;
+                    try {
+                        fresh = starter.startLocal(slot);
+                    } catch (RuntimeException e) {
+                        launchFailed(slot, String.valueOf(e.getMessage()));
+                        return;
+                    }
+                    if (replaced != null) {
+                        EnginePool.LOG.log(Level.INFO, "worker " + fresh.name() + " replaced worker "
+                                + replaced.name());
+                    }
+                    admit(fresh);
+                } finally {
+                    startingDone();
+                }
+            });
+        } catch (java.util.concurrent.RejectedExecutionException e) {
+            // closed meanwhile
+            startingDone();
+        }
+    }
+
+    /** Waits that long, or less when the pool closes; false when it did. */
+    private boolean pause(long millis) {
+        long deadline = System.nanoTime() + TimeUnit.MILLISECONDS.toNanos(millis);
+        synchronized (lock) {
+            while (!closed) {
+                long left = deadline - System.nanoTime();
+                if (left <= 0) {
+                    return true;
+                }
+                try {
+                    TimeUnit.NANOSECONDS.timedWait(lock, left);
+                } catch (InterruptedException e) {
+                    Thread.currentThread().interrupt();
+                    return false;
+                }
+            }
+            return false;
         }
     }
 
@@ -221,18 +298,10 @@ final class Supervisor {
         EnginePool.LOG.log(Level.WARNING, "worker " + w.name() + " lost: " + e.getMessage());
         if (starter.remote()) {
             launchAndWait(slot);
-            startingDone();
-            return;
+        } else {
+            startLocal(slot, 0, w);
         }
-        CompletableFuture.supplyAsync(() -> starter.startLocal(slot), starters).whenComplete((fresh, failure) -> {
-            if (fresh != null) {
-                EnginePool.LOG.log(Level.INFO, "worker " + fresh.name() + " replaced worker " + w.name());
-                admit(fresh);
-            } else {
-                EnginePool.LOG.log(Level.ERROR, "worker " + w.name() + " could not be replaced: " + failure);
-            }
-            startingDone();
-        });
+        startingDone();
     }
 
     private void startingDone() {
@@ -300,33 +369,32 @@ final class Supervisor {
 
     /**
      * Ends every worker: its input is closed, and after the grace time it is
-     * killed; launches with no worker yet are cancelled. Returns once no
-     * worker is left, replacements under way included.
+     * killed. Every other launch still alive (queued, starting, or begun
+     * while the close came) is cancelled, and killed after the grace time.
+     * Returns once every launch has ended, replacements under way included.
      */
     void close() {
         List<Worker> all = new ArrayList<>();
-        List<Launcher.Launched> pending = new ArrayList<>();
         synchronized (lock) {
             closed = true;
+            starter.refuseLaunches();
+            // Pauses before a launch end now.
+            lock.notifyAll();
             for (Slot slot : slots) {
                 if (slot.worker != null) {
                     all.add(slot.worker);
-                } else if (slot.launched != null) {
-                    // A launch with no worker yet (queued or starting): its job is cancelled too.
-                    pending.add(slot.launched);
                 }
             }
         }
         starter.stopListening();
-        for (Launcher.Launched l : pending) {
-            l.cancel();
-        }
         List<Thread> stopping = new ArrayList<>();
-        for (Launcher.Launched l : pending) {
-            stopping.add(closer(() -> endLaunch(l)));
-        }
         for (Worker w : all) {
             stopping.add(closer(() -> w.stop("pool closed", settings.graceTime())));
+        }
+        Set<Launcher.Launched> stopped = all.stream().map(w -> w.launched).collect(Collectors.toSet());
+        for (Launcher.Launched l : starter.launchesLeft(stopped)) {
+            l.cancel();
+            stopping.add(closer(() -> endLaunch(l)));
         }
         for (Thread t : stopping) {
             try {
@@ -335,16 +403,9 @@ final class Supervisor {
                 Thread.currentThread().interrupt();
             }
         }
-        // Replacements that were starting end as soon as they are ready.
+        // Replacements under way find their launch ended, or end the worker they admit.
         synchronized (lock) {
-            while (starting > 0) {
-                try {
-                    lock.wait();
-                } catch (InterruptedException e) {
-                    Thread.currentThread().interrupt();
-                    break;
-                }
-            }
+            Starter.awaitNone(lock, () -> starting);
         }
         starters.shutdownNow();
         starter.close();

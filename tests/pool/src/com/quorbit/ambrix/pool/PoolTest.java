@@ -441,12 +441,22 @@ class PoolTest {
     }
 
     static Process opener(String... args) throws Exception {
+        return javaMain(Opener.class, args);
+    }
+
+    /** A JVM running a test's main, its output and error joined. */
+    static Process javaMain(Class<?> main, String... args) throws Exception {
+        return new ProcessBuilder(javaCommand(main, args)).redirectErrorStream(true).start();
+    }
+
+    /** The command of a JVM like this one that runs a test's main, with the pool's classes and the tests'. */
+    static java.util.List<String> javaCommand(Class<?> main, String... args) throws Exception {
         String launcher = ProcessHandle.current().info().command().orElse("java");
         String classPath = where(EnginePool.class) + java.io.File.pathSeparator + where(PoolTest.class);
         java.util.List<String> command = new java.util.ArrayList<>(
-                java.util.List.of(launcher, "-cp", classPath, Opener.class.getName()));
+                java.util.List.of(launcher, "-cp", classPath, main.getName()));
         command.addAll(java.util.List.of(args));
-        return new ProcessBuilder(command).redirectErrorStream(true).start();
+        return command;
     }
 
     /** The socket folders in the temporary folder of the process with this id. */
