@@ -37,6 +37,8 @@ final class Supervisor {
     /** Replacements under way. Guarded by lock. */
     private int starting;
     private boolean closed;
+    /** The launcher's refusal, which no retry mends. Guarded by lock. */
+    private String refused;
     private final Worker.Events events = new Worker.Events() {
         @Override
         public void answered(Worker w, Task task) {
@@ -70,6 +72,11 @@ final class Supervisor {
         if (starter.remote()) {
             for (Slot slot : slots) {
                 launchAndWait(slot);
+                synchronized (lock) {
+                    if (refused != null) {
+                        throw new VexelException("no worker could be started: " + refused);
+                    }
+                }
             }
             synchronized (lock) {
                 if (noSlotLeft()) {
@@ -106,14 +113,14 @@ final class Supervisor {
         try {
             rendezvous = starter.open();
         } catch (IOException e) {
-            launchFailed(slot, "cannot listen for a worker: " + e.getMessage());
+            launchFailed(slot, "cannot listen for a worker: " + e.getMessage(), false);
             return;
         }
         try {
             launched = starter.launch(slot, rendezvous);
         } catch (IOException | RuntimeException e) {
             closeQuietly(rendezvous);
-            launchFailed(slot, String.valueOf(e.getMessage()));
+            launchFailed(slot, String.valueOf(e.getMessage()), e instanceof Launcher.RefusedException);
             return;
         }
         try {
@@ -125,7 +132,7 @@ final class Supervisor {
                 } catch (IOException | RuntimeException e) {
                     launched.kill();
                     String why = launched.ended().getNow(null);
-                    launchFailed(slot, why != null ? why : String.valueOf(e.getMessage()));
+                    launchFailed(slot, why != null ? why : String.valueOf(e.getMessage()), false);
                     return;
                 } finally {
                     closeQuietly(rendezvous);
@@ -158,8 +165,8 @@ final class Supervisor {
         }
     }
 
-    /** A launch ended before its worker was ready: another, or the slot gives up. */
-    private void launchFailed(Slot slot, String why) {
+    /** A launch ended before its worker was ready: another, or the slot gives up (at once when refused). */
+    private void launchFailed(Slot slot, String why, boolean refusal) {
         boolean again;
         boolean none;
         synchronized (lock) {
@@ -169,9 +176,10 @@ final class Supervisor {
                 return;
             }
             slot.failures++;
-            again = slot.failures < Slot.FAILED_LAUNCHES;
+            again = !refusal && slot.failures < Slot.FAILED_LAUNCHES;
             if (!again) {
                 slot.gaveUp = why;
+                refused = refusal ? why : refused;
                 lock.notifyAll();
             }
             none = noSlotLeft();
@@ -181,8 +189,8 @@ final class Supervisor {
             launchAndWait(slot);
             return;
         }
-        EnginePool.LOG.log(Level.ERROR, "worker slot " + slot.index + " gave up after " + Slot.FAILED_LAUNCHES
-                + " launches in a row ended before they were ready: " + why);
+        EnginePool.LOG.log(Level.ERROR, "worker slot " + slot.index + (refusal ? " gave up: " : " gave up after "
+                + Slot.FAILED_LAUNCHES + " launches in a row ended before they were ready: ") + why);
         if (none) {
             // No worker will ever take what waits: it fails with the last reason.
             dispatch.failWaiting(new VexelException("no worker could be started: " + why));
