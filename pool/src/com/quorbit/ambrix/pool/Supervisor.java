@@ -105,7 +105,7 @@ final class Supervisor {
      * Submits a remote worker for the slot, then waits for it on a starter
      * thread. A launch that fails, or ends before its worker is ready, is
      * made again, until {@value Slot#FAILED_LAUNCHES} in a row have: then
-     * the slot gives up.
+     * the slot gives up; a launch the launcher refuses gives it up at once.
      */
     private void launchAndWait(Slot slot) {
         Transport.Rendezvous rendezvous;
@@ -179,7 +179,9 @@ final class Supervisor {
             again = !refusal && slot.failures < Slot.FAILED_LAUNCHES;
             if (!again) {
                 slot.gaveUp = why;
-                refused = refusal ? why : refused;
+                if (refusal) {
+                    refused = why;
+                }
                 lock.notifyAll();
             }
             none = noSlotLeft();

@@ -120,7 +120,8 @@ public final class WorkerMain {
                     c.close();
                 }
                 if (String.valueOf(e.getMessage()).contains("refused")) {
-                    throw new java.net.ConnectException("the pool at " + address + " refused the connection: it is gone");
+                    throw new java.net.ConnectException("the pool at " + address
+                            + " refused the connection: it is gone");
                 }
                 if (System.nanoTime() > deadline) {
                     throw e;

@@ -36,18 +36,16 @@ import org.junit.jupiter.params.provider.ValueSource;
 @Timeout(value = 120, unit = TimeUnit.SECONDS)
 class SlurmFaultScenario {
     static final PoolTest.LogRecords LOG = new PoolTest.LogRecords();
-    /** Held, so that the logger keeps its handler until the pool's classes take it up. */
-    static final java.util.logging.Logger POOL_LOG = java.util.logging.Logger.getLogger("com.quorbit.ambrix.pool");
     static final String[] COMMANDS = {"sbatch", "squeue", "scontrol", "scancel"};
 
     @BeforeAll
     static void listen() {
-        POOL_LOG.addHandler(LOG);
+        SlurmScenario.POOL_LOG.addHandler(LOG);
     }
 
     @AfterAll
     static void stopListening() {
-        POOL_LOG.removeHandler(LOG);
+        SlurmScenario.POOL_LOG.removeHandler(LOG);
     }
 
     static Path standins() {

@@ -32,12 +32,15 @@ import org.junit.jupiter.params.provider.ValueSource;
  * tests/pool/slurm/run.sh starts on this machine (SLURM_CONF names it): tasks,
  * calls and sessions, a job cancelled under a task, limits through Slurm,
  * refused connections, heartbeats, and no job left behind, even by a pool
- * that is killed. Slurm's commands that fail or hang are SlurmFaultScenario's. Each waits with a bound; none is skipped.
+ * that is killed. Each waits with a bound; none is skipped. Slurm's
+ * commands that fail or hang are SlurmFaultScenario's.
  */
 @Timeout(value = 180, unit = TimeUnit.SECONDS)
 class SlurmScenario {
     static EnginePool pool;
     static final PoolTest.LogRecords LOG = new PoolTest.LogRecords();
+    /** Held, so that the logger keeps its handlers until the pool's classes take it up. */
+    static final java.util.logging.Logger POOL_LOG = java.util.logging.Logger.getLogger("com.quorbit.ambrix.pool");
 
     /** A launcher that submits through Slurm and keeps what each launch was given. */
     static final class Recording implements Launcher {
@@ -60,7 +63,7 @@ class SlurmScenario {
     @BeforeAll
     static void start() {
         assertNotNull(System.getenv("SLURM_CONF"), "no test cluster: run through tests/pool/slurm/run.sh");
-        java.util.logging.Logger.getLogger("com.quorbit.ambrix.pool").addHandler(LOG);
+        POOL_LOG.addHandler(LOG);
         pool = EnginePool.builder().workers(2).launcher(LAUNCHER).listenAddress("127.0.0.1")
                 .kernelArguments("-q", "--test-hooks").initialize("area := proc(w, h) w * h end proc:")
                 .graceTime(Duration.ofMillis(500)).memoryLimit(512L << 20).build();
@@ -71,6 +74,7 @@ class SlurmScenario {
     static void stop() throws Exception {
         List<String> jobs = pool.workerStates().stream().map(WorkerState::job).toList();
         pool.close();
+        POOL_LOG.removeHandler(LOG);
         for (String job : jobs) assertFalse(queued().contains(job), "job " + job + " outlived close()");
     }
 
