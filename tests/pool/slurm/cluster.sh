@@ -5,6 +5,7 @@
 # script, in the scratch folder DIR.
 #   cluster.sh start DIR    prints the path of slurm.conf (export it as SLURM_CONF)
 #   cluster.sh stop DIR
+# AMBRIX_CLUSTER_CPUS sets the node's CPUs (16 unless set).
 # Fails with a clear message when the daemons cannot run here.
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
@@ -54,7 +55,7 @@ mkdir -p "$dir/state" "$dir/spool"
 host=$(hostname -s)
 # Ports of its own, from the process id, so that two runs do not meet.
 base=$((20000 + ($$ % 4000) * 2))
-sed -e "s|@DIR@|$dir|g" -e "s|@HOST@|$host|g" -e "s|@CTLD_PORT@|$base|g" -e "s|@SLURMD_PORT@|$((base + 1))|g" \
+sed -e "s|@DIR@|$dir|g" -e "s|@HOST@|$host|g" -e "s|@CPUS@|${AMBRIX_CLUSTER_CPUS:-16}|g" -e "s|@CTLD_PORT@|$base|g" -e "s|@SLURMD_PORT@|$((base + 1))|g" \
     "$here/slurm.conf.in" >"$conf"
 export SLURM_CONF=$conf
 slurmctld -f "$conf" -i >/dev/null 2>&1 || fail "slurmctld did not start: $(tail -5 "$dir/slurmctld.log" 2>/dev/null)"

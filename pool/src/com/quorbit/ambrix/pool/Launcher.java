@@ -27,9 +27,28 @@ public interface Launcher {
      * @param launch the worker's command and environment
      * @return the handle of the started (or queued) worker
      * @throws IOException when it cannot be started, with the reason the
-     *         pool reports (a scheduler's own error text, for example)
+     *         pool reports (a scheduler's own error text, for example); a
+     *         {@link RefusedException} when no retry can start it
      */
     Launched launch(Launch launch) throws IOException;
+
+    /**
+     * A launch that no retry can mend, such as a scheduler's refusal of a
+     * partition or an option it does not know: the pool launches no more
+     * for that slot, and {@code build()} fails at once with the message.
+     */
+    final class RefusedException extends IOException {
+        private static final long serialVersionUID = 1L;
+
+        /**
+         * A refusal.
+         *
+         * @param message the reason, as the scheduler gave it
+         */
+        public RefusedException(String message) {
+            super(message);
+        }
+    }
 
     /**
      * Whether workers of this launcher connect over TCP, authenticated with

@@ -1,10 +1,10 @@
 package com.quorbit.ambrix.pool;
 
 import java.io.IOException;
-import java.io.OutputStream;
 import java.nio.charset.StandardCharsets;
 import java.nio.file.Files;
 import java.nio.file.Path;
+import java.time.Duration;
 import java.util.ArrayList;
 import java.util.HashMap;
 import java.util.List;
@@ -17,48 +17,84 @@ import java.util.concurrent.TimeUnit;
  * A {@link SlurmLauncher}'s jobs as Slurm sees them: each job's state and
  * node, polled with {@code squeue} by one thread, its end told by the last
  * state {@code scontrol} gives, and its cancelling with {@code scancel};
- * and the running of Slurm's commands.
+ * and the running of Slurm's commands, each bounded in time.
  */
 final class SlurmJobs {
+    /** How often a failing squeue is logged again, at most. */
+    private static final long SQUEUE_LOG_NANOS = TimeUnit.SECONDS.toNanos(30);
+
     /** Where jobs write their output ({@code %j} for the job's id). */
     private final String output;
+    /** How long any Slurm command may take. */
+    private final Duration limit;
     private final Map<String, Job> jobs = new ConcurrentHashMap<>();
     private Thread watcher;
+    /** The watcher's failed squeue polls since it last answered, and since the last line logged. */
+    private int failedPolls;
+    private int unloggedPolls;
+    private long loggedAt;
 
-    SlurmJobs(String output) {
+    SlurmJobs(String output, Duration limit) {
         this.output = output;
+        this.limit = limit;
     }
 
-    /** Runs a command with this input: its status, its output and its error output. */
-    static String[] run(ProcessBuilder builder, String input) throws IOException {
-        Process p = builder.start();
-        try (OutputStream in = p.getOutputStream()) {
-            in.write(input.getBytes(StandardCharsets.UTF_8));
+    /** What a command answered: its exit status, its output and its error output. */
+    record Answer(int status, String out, String err) {
+        /** The error output, or else the status, as one would report the failure. */
+        String failure(String command) {
+            return err.isBlank() ? command + " failed with status " + status : err.strip();
         }
-        CompletableFuture<byte[]> err = CompletableFuture.supplyAsync(() -> {
-            try {
-                return p.getErrorStream().readAllBytes();
-            } catch (IOException e) {
-                return new byte[0];
-            }
-        });
-        byte[] out = p.getInputStream().readAllBytes();
+    }
+
+    /**
+     * Runs a command with this input, for that long at most. Its input,
+     * output and error output are files, so that a command that stops
+     * reading, or never ends, holds up nothing but this wait; one that
+     * passes the time is killed with whatever it started.
+     *
+     * @throws IOException when it cannot run, or did not end in time: "sbatch did not answer within 60 s"
+     */
+    static Answer run(ProcessBuilder builder, String input, Duration limit) throws IOException {
+        String name = builder.command().get(0);
+        Path in = Files.createTempFile("ambrix-slurm-", ".in");
+        Path out = null;
+        Path err = null;
         try {
-            if (!p.waitFor(60, TimeUnit.SECONDS)) {
-                p.destroyForcibly();
-                throw new IOException(builder.command().get(0) + " did not answer within 60 s");
+            out = Files.createTempFile("ambrix-slurm-", ".out");
+            err = Files.createTempFile("ambrix-slurm-", ".err");
+            Files.writeString(in, input, StandardCharsets.UTF_8);
+            Process p = builder.redirectInput(in.toFile()).redirectOutput(out.toFile()).redirectError(err.toFile())
+                    .start();
+            try {
+                if (!p.waitFor(limit.toNanos(), TimeUnit.NANOSECONDS)) {
+                    end(p);
+                    throw new IOException(name + " did not answer within " + Task.seconds(limit));
+                }
+            } catch (InterruptedException e) {
+                end(p);
+                Thread.currentThread().interrupt();
+                throw new IOException("interrupted while running " + name);
             }
-            return new String[] {Integer.toString(p.exitValue()), new String(out, StandardCharsets.UTF_8),
-                new String(err.join(), StandardCharsets.UTF_8)};
-        } catch (InterruptedException e) {
-            p.destroyForcibly();
-            Thread.currentThread().interrupt();
-            throw new IOException("interrupted while running " + builder.command().get(0));
+            return new Answer(p.exitValue(), Files.readString(out, StandardCharsets.UTF_8),
+                    Files.readString(err, StandardCharsets.UTF_8));
+        } finally {
+            for (Path f : new Path[] {in, out, err}) {
+                if (f != null) {
+                    Files.deleteIfExists(f);
+                }
+            }
         }
     }
 
-    private static String[] run(String... command) throws IOException {
-        return run(new ProcessBuilder(command), "");
+    /** Kills a command that passed its time, and what it started. */
+    private static void end(Process p) {
+        p.descendants().forEach(ProcessHandle::destroyForcibly);
+        p.destroyForcibly();
+    }
+
+    private Answer run(String... command) throws IOException {
+        return run(new ProcessBuilder(command), "", limit);
     }
 
     /** A job just submitted, watched from now on. */
@@ -79,8 +115,10 @@ final class SlurmJobs {
     }
 
     /**
-     * Every half second: the state and node of each live job, from squeue;
-     * a job squeue no longer lists has ended, and scontrol tells its last state.
+     * Every half second: the state and node of each live job, from squeue.
+     * A job squeue no longer lists has ended, and scontrol tells its last
+     * state; but only a poll that began after the job was submitted can miss
+     * it, and while squeue does not answer, no job is judged.
      */
     private void watchJobs() {
         while (true) {
@@ -92,33 +130,66 @@ final class SlurmJobs {
             if (jobs.isEmpty()) {
                 continue;
             }
+            long began = System.nanoTime();
+            Answer r;
             try {
-                String[] r = run("squeue", "-h", "-t", "all", "-o", "%i|%T|%N", "-n", "ambrix-worker");
-                if (!r[0].equals("0")) {
-                    continue;
+                r = run("squeue", "-h", "-t", "all", "-o", "%i|%T|%N", "-n", "ambrix-worker");
+            } catch (IOException e) {
+                squeueFailed(e.getMessage());
+                continue;
+            }
+            if (r.status() != 0) {
+                squeueFailed(r.failure("squeue"));
+                continue;
+            }
+            squeueAnswered();
+            Map<String, String[]> listed = new HashMap<>();
+            for (String line : r.out().split("\n")) {
+                String[] f = line.strip().split("\\|", -1);
+                if (f.length == 3) {
+                    listed.put(f[0], f);
                 }
-                Map<String, String[]> listed = new HashMap<>();
-                for (String line : r[1].split("\n")) {
-                    String[] f = line.strip().split("\\|", -1);
-                    if (f.length == 3) {
-                        listed.put(f[0], f);
+            }
+            for (Job job : List.copyOf(jobs.values())) {
+                String[] f = listed.get(job.id);
+                if (f != null && !finished(f[1])) {
+                    job.state = f[1];
+                    if (!f[2].isBlank() && !f[2].equals("(null)")) {
+                        job.host = f[2];
                     }
+                } else if (f != null) {
+                    job.ended(f[1]);
+                } else if (job.submitted - began < 0) {
+                    job.ended(lastState(job.id));
                 }
-                for (Job job : List.copyOf(jobs.values())) {
-                    String[] f = listed.get(job.id);
-                    if (f != null && !finished(f[1])) {
-                        job.state = f[1];
-                        if (!f[2].isBlank() && !f[2].equals("(null)")) {
-                            job.host = f[2];
-                        }
-                    } else {
-                        job.ended(f != null ? f[1] : lastState(job.id));
-                    }
-                }
-            } catch (IOException | RuntimeException e) {
-                // squeue did not answer: asked again at the next turn
             }
         }
+    }
+
+    /**
+     * A poll that failed: logged at once, then at most once per interval
+     * with the count of failures since, while squeue goes on failing.
+     */
+    private void squeueFailed(String why) {
+        failedPolls++;
+        unloggedPolls++;
+        long now = System.nanoTime();
+        if (failedPolls == 1 || now - loggedAt >= SQUEUE_LOG_NANOS) {
+            EnginePool.LOG.log(System.Logger.Level.WARNING, "squeue failed"
+                    + (unloggedPolls > 1 ? " " + unloggedPolls + " times" : "") + " (" + why
+                    + "); the pool's Slurm jobs are not judged until it answers");
+            unloggedPolls = 0;
+            loggedAt = now;
+        }
+    }
+
+    private void squeueAnswered() {
+        if (failedPolls > 0) {
+            EnginePool.LOG.log(System.Logger.Level.INFO, "squeue answers again, after " + failedPolls
+                    + " failed polls");
+        }
+        failedPolls = 0;
+        unloggedPolls = 0;
     }
 
     private static boolean finished(String state) {
@@ -128,10 +199,9 @@ final class SlurmJobs {
     }
 
     /** A finished job's state, as scontrol gives it for some minutes after its end. */
-    private static String lastState(String id) {
+    private String lastState(String id) {
         try {
-            String[] r = run("scontrol", "show", "job", "-o", id);
-            for (String word : r[1].split("\\s+")) {
+            for (String word : run("scontrol", "show", "job", "-o", id).out().split("\\s+")) {
                 if (word.startsWith("JobState=")) {
                     return word.substring(9);
                 }
@@ -147,6 +217,8 @@ final class SlurmJobs {
         final String id;
         volatile String state = "PENDING";
         volatile String host;
+        /** When sbatch had returned its id. */
+        final long submitted = System.nanoTime();
         private final CompletableFuture<String> ended = new CompletableFuture<>();
 
         Job(String id) {

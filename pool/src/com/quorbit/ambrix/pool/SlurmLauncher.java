@@ -4,6 +4,7 @@ import java.io.IOException;
 import java.time.Duration;
 import java.util.ArrayList;
 import java.util.List;
+import java.util.Locale;
 
 /**
  * Workers as jobs of a Slurm cluster: one job per worker, named
@@ -21,21 +22,44 @@ import java.util.List;
  * <p>Each setting maps to an sbatch option: {@code partition} to
  * {@code --partition}, {@code account} to {@code --account}, {@code jobTime}
  * to {@code --time}, {@code cpusPerWorker} to {@code --cpus-per-task}, the
- * pool's memory limit to {@code --mem}; {@code sbatchOptions} are passed as
- * they are. The job's output goes to {@code output} ({@code /dev/null}
- * unless set; {@code %j} stands for the job's id).
+ * pool's memory limit to {@code --mem} (without one, {@code --mem=}{@value
+ * #DEFAULT_MEMORY_MIB}{@code M}, unless {@code sbatchOptions} state the
+ * memory); {@code sbatchOptions} are passed as they are. The job's output
+ * goes to {@code output} ({@code /dev/null} unless set; {@code %j} stands for
+ * the job's id).
  *
  * <p>The launcher watches its jobs with {@code squeue}, and tells a job's
  * end by the state {@code scontrol} gives it ("Slurm job 1234 ended
- * (CANCELLED)"). It ends jobs with {@code scancel}.
+ * (CANCELLED)"). It ends jobs with {@code scancel}. Each of these commands
+ * may take {@code commandTimeout} (60 s unless set), and is killed after it.
+ * An sbatch error that no retry can mend (a partition, account or QOS that
+ * Slurm does not know, an option sbatch refuses), or an sbatch that does not
+ * answer before any job of the launcher was submitted, is a
+ * {@link Launcher.RefusedException}.
  */
 public final class SlurmLauncher implements Launcher {
+    /**
+     * A job's memory in MiB when the pool has no memory limit and the sbatch
+     * options name none. A worker's JVM takes at most about 250 MiB (a 64 MiB
+     * heap, 64 MiB of metaspace, 16 MiB of code cache, its threads' stacks,
+     * the JVM's own structures and libraries); the rest is the kernel's.
+     */
+    public static final int DEFAULT_MEMORY_MIB = 1024;
+
+    /** sbatch's errors that no retry can mend, in lower case. */
+    private static final List<String> REFUSALS = List.of("invalid", "unrecognized option", "unknown option",
+            "requires an argument", "not allowed", "not permitted", "permission denied",
+            "requested node configuration is not available", "more processors requested than permitted",
+            "mutually exclusive");
+
     private final Builder settings;
     private final SlurmJobs jobs;
+    /** Whether sbatch ever gave a job id. */
+    private volatile boolean submitted;
 
     private SlurmLauncher(Builder settings) {
         this.settings = settings;
-        jobs = new SlurmJobs(settings.output);
+        jobs = new SlurmJobs(settings.output, settings.commandTimeout);
     }
 
     /**
@@ -57,6 +81,7 @@ public final class SlurmLauncher implements Launcher {
         private String java;
         private String jar;
         private String output = "/dev/null";
+        private Duration commandTimeout = Duration.ofSeconds(60);
 
         private Builder() {
         }
@@ -159,6 +184,22 @@ public final class SlurmLauncher implements Launcher {
         }
 
         /**
+         * How long each Slurm command ({@code sbatch}, {@code squeue},
+         * {@code scontrol}, {@code scancel}) may take before it is killed
+         * and taken for failed ("sbatch did not answer within 60 s").
+         *
+         * @param timeout more than zero; 60 s unless set
+         * @return this builder
+         */
+        public Builder commandTimeout(Duration timeout) {
+            if (timeout == null || timeout.isNegative() || timeout.isZero()) {
+                throw new IllegalArgumentException("commandTimeout must be more than zero");
+            }
+            commandTimeout = timeout;
+            return this;
+        }
+
+        /**
          * The launcher.
          *
          * @return the launcher, for {@link EnginePool.Builder#launcher}
@@ -186,6 +227,9 @@ public final class SlurmLauncher implements Launcher {
         }
         if (launch.memoryLimit() > 0) {
             c.add("--mem=" + Math.max(1, launch.memoryLimit() >> 20) + "M");
+        } else if (settings.sbatchOptions.stream().noneMatch(o -> o.startsWith("--mem"))) {
+            // Without it, a cluster with no default memory per CPU gives each job its node's whole memory.
+            c.add("--mem=" + DEFAULT_MEMORY_MIB + "M");
         }
         c.addAll(settings.sbatchOptions);
         return c;
@@ -213,14 +257,28 @@ public final class SlurmLauncher implements Launcher {
         ProcessBuilder builder = new ProcessBuilder(sbatchCommand(launch)).redirectErrorStream(false);
         // The secret reaches the job through its environment (sbatch exports this one), never a command line.
         builder.environment().putAll(launch.environment());
-        String[] result = SlurmJobs.run(builder, script(launch));
-        if (!result[0].equals("0")) {
-            throw new IOException(result[2].isBlank() ? "sbatch failed with status " + result[0] : result[2].strip());
+        SlurmJobs.Answer result;
+        try {
+            result = SlurmJobs.run(builder, script(launch), settings.commandTimeout);
+        } catch (IOException e) {
+            // An sbatch that never answered yet is a cluster the pool cannot use: build() fails at once.
+            throw submitted ? e : new RefusedException(e.getMessage());
         }
-        String id = result[1].strip().split(";")[0];
+        if (result.status() != 0) {
+            String why = result.failure("sbatch");
+            throw refusal(why) ? new RefusedException(why) : new IOException(why);
+        }
+        String id = result.out().strip().split(";")[0];
         if (!id.matches("\\d+(_\\d+)?")) {
-            throw new IOException("sbatch answered no job id: " + result[1].strip());
+            throw new IOException("sbatch answered no job id: " + result.out().strip());
         }
+        submitted = true;
         return jobs.watch(id);
+    }
+
+    /** Whether sbatch's error is one that no retry can mend. */
+    static boolean refusal(String error) {
+        String e = error.toLowerCase(Locale.ROOT);
+        return REFUSALS.stream().anyMatch(e::contains);
     }
 }

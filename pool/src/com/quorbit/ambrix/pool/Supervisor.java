@@ -41,6 +41,8 @@ final class Supervisor {
     /** Replacements under way. Guarded by lock. */
     private int starting;
     private boolean closed;
+    /** The launcher's refusal, which no retry mends. Guarded by lock. */
+    private String refused;
     private final Worker.Events events = new Worker.Events() {
         @Override
         public void answered(Worker w, Task task) {
@@ -74,6 +76,11 @@ final class Supervisor {
         if (starter.remote()) {
             for (Slot slot : slots) {
                 launchAndWait(slot);
+                synchronized (lock) {
+                    if (refused != null) {
+                        throw new VexelException("no worker could be started: " + refused);
+                    }
+                }
             }
             synchronized (lock) {
                 if (noSlotLeft()) {
@@ -102,7 +109,7 @@ final class Supervisor {
      * Submits a remote worker for the slot, then waits for it on a starter
      * thread. A launch that fails, or ends before its worker is ready, is
      * made again, until {@value Slot#FAILED_LAUNCHES} in a row have: then
-     * the slot gives up.
+     * the slot gives up; a launch the launcher refuses gives it up at once.
      */
     private void launchAndWait(Slot slot) {
         Transport.Rendezvous rendezvous;
@@ -110,14 +117,14 @@ final class Supervisor {
         try {
             rendezvous = starter.open();
         } catch (IOException e) {
-            launchFailed(slot, "cannot listen for a worker: " + e.getMessage());
+            launchFailed(slot, "cannot listen for a worker: " + e.getMessage(), false);
             return;
         }
         try {
             launched = starter.launch(slot, rendezvous);
         } catch (IOException | RuntimeException e) {
             closeQuietly(rendezvous);
-            launchFailed(slot, String.valueOf(e.getMessage()));
+            launchFailed(slot, String.valueOf(e.getMessage()), e instanceof Launcher.RefusedException);
             return;
         }
         try {
@@ -129,7 +136,7 @@ final class Supervisor {
                 } catch (IOException | RuntimeException e) {
                     launched.kill();
                     String why = launched.ended().getNow(null);
-                    launchFailed(slot, why != null ? why : String.valueOf(e.getMessage()));
+                    launchFailed(slot, why != null ? why : String.valueOf(e.getMessage()), false);
                     return;
                 } finally {
                     closeQuietly(rendezvous);
@@ -164,10 +171,11 @@ final class Supervisor {
 
     /**
      * A launch ended before its worker was ready: another, or the slot gives
-     * up. A local slot pauses before it launches again, {@value #RETRY_MILLIS}
-     * ms after the first failure, doubling after each.
+     * up (at once when the launcher refused it). A local slot pauses before it
+     * launches again, {@value #RETRY_MILLIS} ms after the first failure,
+     * doubling after each.
      */
-    private void launchFailed(Slot slot, String why) {
+    private void launchFailed(Slot slot, String why, boolean refusal) {
         boolean again;
         boolean none;
         int failures;
@@ -178,9 +186,12 @@ final class Supervisor {
                 return;
             }
             failures = ++slot.failures;
-            again = failures < Slot.FAILED_LAUNCHES;
+            again = !refusal && failures < Slot.FAILED_LAUNCHES;
             if (!again) {
                 slot.gaveUp = why;
+                if (refusal) {
+                    refused = why;
+                }
                 lock.notifyAll();
             }
             none = noSlotLeft();
@@ -196,8 +207,8 @@ final class Supervisor {
             }
             return;
         }
-        EnginePool.LOG.log(Level.ERROR, "worker slot " + slot.index + " gave up after " + Slot.FAILED_LAUNCHES
-                + " launches in a row ended before they were ready: " + why);
+        EnginePool.LOG.log(Level.ERROR, "worker slot " + slot.index + (refusal ? " gave up: " : " gave up after "
+                + Slot.FAILED_LAUNCHES + " launches in a row ended before they were ready: ") + why);
         if (none) {
             // No worker will ever take what waits: it fails with the last reason.
             dispatch.failWaiting(new VexelException("no worker could be started: " + why));
@@ -228,7 +239,7 @@ final class Supervisor {
                     try {
                         fresh = starter.startLocal(slot);
                     } catch (RuntimeException e) {
-                        launchFailed(slot, String.valueOf(e.getMessage()));
+                        launchFailed(slot, String.valueOf(e.getMessage()), false);
                         return;
                     }
                     if (replaced != null) {

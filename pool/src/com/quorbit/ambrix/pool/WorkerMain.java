@@ -102,9 +102,11 @@ public final class WorkerMain {
 
     /**
      * Connects to a pool over TCP and proves that it holds the secret, as
-     * the given channel of the slot that the token names. A pool that is not
-     * there yet (a job may start before its listener answers) is tried again
-     * for a minute.
+     * the given channel of the slot that the token names. The pool listens
+     * before it submits any job, so a refused connection means that it is
+     * gone (its JVM killed while the job waited in the queue): the worker
+     * ends at once. A connection that fails otherwise (a network that does
+     * not answer yet) is tried again for a minute.
      */
     private static SocketChannel connect(String address, byte[] secret, long token, byte channel) throws IOException {
         java.net.URI uri = java.net.URI.create(address);
@@ -120,6 +122,10 @@ public final class WorkerMain {
             } catch (java.net.ConnectException e) {
                 if (c != null) {
                     c.close();
+                }
+                if (String.valueOf(e.getMessage()).contains("refused")) {
+                    throw new java.net.ConnectException("the pool at " + address
+                            + " refused the connection: it is gone");
                 }
                 if (System.nanoTime() > deadline) {
                     throw e;

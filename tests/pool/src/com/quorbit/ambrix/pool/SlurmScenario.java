@@ -8,7 +8,6 @@ import static org.junit.jupiter.api.Assertions.assertNotNull;
 import static org.junit.jupiter.api.Assertions.assertThrows;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 
-import com.quorbit.externalcall.VexelException;
 import java.io.IOException;
 import java.io.InputStream;
 import java.net.Socket;
@@ -25,18 +24,23 @@ import org.junit.jupiter.api.AfterAll;
 import org.junit.jupiter.api.BeforeAll;
 import org.junit.jupiter.api.Test;
 import org.junit.jupiter.api.Timeout;
+import org.junit.jupiter.params.ParameterizedTest;
+import org.junit.jupiter.params.provider.ValueSource;
 
 /**
  * Pools whose workers are Slurm jobs, on the single-node cluster that
  * tests/pool/slurm/run.sh starts on this machine (SLURM_CONF names it): tasks,
  * calls and sessions, a job cancelled under a task, limits through Slurm,
- * refused submissions, refused connections, heartbeats, and no job left
- * behind. Each waits with a bound; none is skipped.
+ * refused connections, heartbeats, and no job left behind, even by a pool
+ * that is killed. Each waits with a bound; none is skipped. Slurm's
+ * commands that fail or hang are SlurmFaultScenario's.
  */
 @Timeout(value = 180, unit = TimeUnit.SECONDS)
 class SlurmScenario {
     static EnginePool pool;
     static final PoolTest.LogRecords LOG = new PoolTest.LogRecords();
+    /** Held, so that the logger keeps its handlers until the pool's classes take it up. */
+    static final java.util.logging.Logger POOL_LOG = java.util.logging.Logger.getLogger("com.quorbit.ambrix.pool");
 
     /** A launcher that submits through Slurm and keeps what each launch was given. */
     static final class Recording implements Launcher {
@@ -59,7 +63,7 @@ class SlurmScenario {
     @BeforeAll
     static void start() {
         assertNotNull(System.getenv("SLURM_CONF"), "no test cluster: run through tests/pool/slurm/run.sh");
-        java.util.logging.Logger.getLogger("com.quorbit.ambrix.pool").addHandler(LOG);
+        POOL_LOG.addHandler(LOG);
         pool = EnginePool.builder().workers(2).launcher(LAUNCHER).listenAddress("127.0.0.1")
                 .kernelArguments("-q", "--test-hooks").initialize("area := proc(w, h) w * h end proc:")
                 .graceTime(Duration.ofMillis(500)).memoryLimit(512L << 20).build();
@@ -70,20 +74,27 @@ class SlurmScenario {
     static void stop() throws Exception {
         List<String> jobs = pool.workerStates().stream().map(WorkerState::job).toList();
         pool.close();
+        POOL_LOG.removeHandler(LOG);
         for (String job : jobs) assertFalse(queued().contains(job), "job " + job + " outlived close()");
     }
 
     /** The ids of the cluster's ambrix-worker jobs that are not over. */
     static List<String> queued() throws IOException, InterruptedException {
-        Process p = new ProcessBuilder("squeue", "-h", "-o", "%i", "-n", "ambrix-worker").redirectErrorStream(true)
-                .start();
+        Process p = command("squeue", "-h", "-o", "%i", "-n", "ambrix-worker").start();
         String out = new String(p.getInputStream().readAllBytes(), StandardCharsets.UTF_8);
         assertEquals(0, p.waitFor(), out);
         return out.lines().map(String::strip).filter(s -> !s.isEmpty()).toList();
     }
 
+    /** A command of the test's own: Slurm's real ones, even while a stand-in misbehaves for the pool. */
+    static ProcessBuilder command(String... command) {
+        ProcessBuilder b = new ProcessBuilder(command).redirectErrorStream(true);
+        b.environment().put("AMBRIX_STANDIN_OFF", "1");
+        return b;
+    }
+
     static String run(String... command) throws IOException, InterruptedException {
-        Process p = new ProcessBuilder(command).redirectErrorStream(true).start();
+        Process p = command(command).start();
         String out = new String(p.getInputStream().readAllBytes(), StandardCharsets.UTF_8);
         p.waitFor();
         return out;
@@ -228,18 +239,6 @@ class SlurmScenario {
         }
     }
 
-    @Test
-    void aBadPartitionGivesSbatchsErrorWithoutASubmitLoop() {
-        int before = LOG.messages.size();
-        VexelException e = assertThrows(VexelException.class, () -> EnginePool.builder().workers(1)
-                .launcher(SlurmLauncher.builder().partition("nosuchpartition").build()).build());
-        assertTrue(e.getMessage().startsWith("no worker could be started: sbatch: error: "), e.getMessage());
-        assertTrue(e.getMessage().contains("partition"), e.getMessage());
-        List<String> log = LOG.messages.subList(before, LOG.messages.size());
-        assertEquals(2, log.stream().filter(m -> m.contains("launching another")).count(), log.toString());
-        assertEquals(1, log.stream().filter(m -> m.contains("gave up after 3 launches")).count(), log.toString());
-    }
-
     /** Where the pool listens, from the arguments its workers were given. */
     static URI poolAddress() {
         List<String> c = LAUNCHER.launches.get(0).command();
@@ -286,24 +285,32 @@ class SlurmScenario {
         assertEquals("x", pool.submit("x;").join().text());
     }
 
-    /** The main of a JVM that opens a Slurm pool, prints its jobs, and waits to be killed. */
+    /**
+     * The main of a JVM that opens a Slurm pool, prints its jobs, and waits
+     * to be killed: once its workers are ready ("ready"), or while its jobs
+     * still wait to begin ("pending").
+     */
     public static final class Opener {
         public static void main(String[] args) throws Exception {
-            EnginePool p = EnginePool.builder().workers(2).launcher(SlurmLauncher.builder().build())
-                    .listenAddress("127.0.0.1").build();
-            if (!p.awaitWorkers(2, Duration.ofSeconds(60))) throw new IllegalStateException("no workers");
+            boolean pending = args[0].equals("pending");
+            SlurmLauncher.Builder slurm = SlurmLauncher.builder();
+            if (pending) slurm.sbatchOptions("--begin=now+5");
+            EnginePool p = EnginePool.builder().workers(2).launcher(slurm.build()).listenAddress("127.0.0.1").build();
+            if (!pending && !p.awaitWorkers(2, Duration.ofSeconds(60))) throw new IllegalStateException("no workers");
             System.out.println("jobs " + String.join(",", p.workerStates().stream().map(WorkerState::job).toList()));
             System.out.flush();
             Thread.sleep(120_000);
         }
     }
 
-    @Test
-    void noJobOutlivesAPoolWhoseJvmIsKilled() throws Exception {
+    /** A pool killed with its workers ready, or with its jobs yet to start, which then find no pool. */
+    @ParameterizedTest
+    @ValueSource(strings = {"ready", "pending"})
+    void noJobOutlivesAPoolWhoseJvmIsKilled(String when) throws Exception {
         String launcher = ProcessHandle.current().info().command().orElse("java");
         String classPath = PoolTest.where(EnginePool.class) + java.io.File.pathSeparator
                 + PoolTest.where(SlurmScenario.class);
-        Process opener = new ProcessBuilder(launcher, "-cp", classPath, Opener.class.getName())
+        Process opener = new ProcessBuilder(launcher, "-cp", classPath, Opener.class.getName(), when)
                 .redirectErrorStream(true).start();
         java.io.BufferedReader out = new java.io.BufferedReader(
                 new java.io.InputStreamReader(opener.getInputStream(), StandardCharsets.UTF_8));
