@@ -16,8 +16,6 @@ final class CellOutput extends EngineCallBacksDefault {
     volatile Channels.Message current;
     volatile boolean allowStdin;
     volatile boolean silent;
-    /** Set by an interrupt; the running cell runs no further statement. */
-    volatile boolean interrupted;
     /** The offset of the last error into the statement, or -1 when it has none. */
     volatile int errorOffset = -1;
     /** The text the cell printed, for the history. */
@@ -62,11 +60,21 @@ final class CellOutput extends EngineCallBacksDefault {
         if (m == null || !allowStdin) {
             throw new VexelException("no input: this client does not allow input requests");
         }
-        String line = loop.input(m, "", () -> interrupted);
+        String line = loop.input(m, "", loop::interruptPending);
         if (line == null) {
             throw new VexelException("computation interrupted");
         }
         return line;
+    }
+
+    /**
+     * The kernel asks at each step of a loop: an interrupt raised just before
+     * an evaluation began, which the engine's own request would miss, ends
+     * it here.
+     */
+    @Override
+    public boolean queryInterrupt(Object data) {
+        return loop.interruptPending();
     }
 
     @Override

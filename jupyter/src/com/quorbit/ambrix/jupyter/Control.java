@@ -17,14 +17,12 @@ import org.zeromq.ZMQ;
 final class Control {
     private final MessageLoop loop;
     private final Engine engine;
-    private final CellOutput output;
     /** The kernel's version, as kernel_info reports it; asked once. */
     private final String version;
 
-    Control(MessageLoop loop, Engine engine, CellOutput output) {
+    Control(MessageLoop loop, Engine engine) {
         this.loop = loop;
         this.engine = engine;
-        this.output = output;
         version = kernelVersion();
     }
 
@@ -46,9 +44,9 @@ final class Control {
         }
     }
 
-    /** Ends the running cell: the statement running now, and the cell's further statements. */
+    /** Ends the running cell, and the cells waiting to run (see {@link MessageLoop#interrupt}). */
     void interrupt() {
-        output.interrupted = true;
+        loop.interrupt();
         try {
             engine.interrupt();
         } catch (VexelException e) {

@@ -46,10 +46,15 @@ final class Execution {
     }
 
     void register(MessageLoop loop) {
-        loop.on("execute_request", this::execute);
+        loop.on("execute_request", loop.withKernel(this::execute));
     }
 
     private void execute(ZMQ.Socket socket, Channels.Message m) {
+        if (socket != loop.shell) {
+            // A cell on the control thread would keep interrupts waiting behind it.
+            loop.reply(socket, m, "execute_reply", Json.error("BadChannel", "cells run on the shell channel"));
+            return;
+        }
         String code = Json.string(m.content, "code", "");
         boolean silent = Json.bool(m.content, "silent", false);
         boolean store = Json.bool(m.content, "store_history", true) && !silent;
@@ -66,13 +71,14 @@ final class Execution {
         output.current = m;
         output.silent = silent;
         output.text.setLength(0);
-        output.interrupted = false;
         JsonObject error = null;
         try {
             error = runCell(code, count, m, silent);
         } finally {
             output.current = null;
         }
+        // An interrupt that came during the cell has ended it; it ends the cells waiting now too.
+        loop.takeInterrupt();
         if (store) {
             history.add(count, code, output.text.toString());
         }
@@ -91,8 +97,7 @@ final class Execution {
         c.addProperty("execution_count", count);
         // The requests to abort are those that arrived before the error's reply went out: one sent
         // after the client saw the error is meant to run.
-        List<Channels.Message> queued =
-                error != null && stopOnError && socket == loop.shell ? loop.waiting() : List.of();
+        List<Channels.Message> queued = error != null && stopOnError ? loop.waiting() : List.of();
         loop.reply(socket, m, "execute_reply", c);
         abort(queued);
     }
@@ -143,7 +148,7 @@ final class Execution {
         for (int i = 0; i < steps.size(); i++) {
             Step step = steps.get(i);
             try {
-                if (output.interrupted) {
+                if (m.interrupted || loop.interruptPending()) {
                     throw new VexelException("computation interrupted");
                 }
                 boolean last = i == steps.size() - 1;

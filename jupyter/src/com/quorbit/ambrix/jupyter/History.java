@@ -3,12 +3,15 @@ package com.quorbit.ambrix.jupyter;
 import com.google.gson.JsonArray;
 import com.google.gson.JsonObject;
 import java.util.ArrayList;
+import java.util.Arrays;
 import java.util.HashSet;
 import java.util.List;
 import java.util.Set;
-import java.util.regex.Pattern;
 
-/** The executed cells, and history_request: the last n, a range of lines, or a search. */
+/**
+ * The executed cells, and history_request: the last n, a range of lines, or
+ * a search. Served on either channel: the shell thread adds, any may read.
+ */
 final class History {
     private record Entry(int line, String input, String output) {
     }
@@ -19,19 +22,17 @@ final class History {
         loop.answer("history_request", this::request);
     }
 
-    void add(int line, String input, String output) {
+    synchronized void add(int line, String input, String output) {
         entries.add(new Entry(line, input, output));
     }
 
-    private JsonObject request(JsonObject content) {
+    /** The entries asked for; a request that cannot be met throws, and its reply is an error. */
+    private synchronized JsonObject request(JsonObject content) {
         String type = Json.string(content, "hist_access_type", "tail");
         boolean withOutput = Json.bool(content, "output", false);
         List<Entry> chosen = new ArrayList<>();
         switch (type) {
-            case "tail" -> {
-                int n = Json.integer(content, "n", 10);
-                chosen.addAll(entries.subList(Math.max(0, entries.size() - n), entries.size()));
-            }
+            case "tail" -> chosen.addAll(last(entries, count(content, 10)));
             case "range" -> {
                 int start = Json.integer(content, "start", 1);
                 int stop = Json.integer(content, "stop", Integer.MAX_VALUE);
@@ -42,21 +43,20 @@ final class History {
                 }
             }
             case "search" -> {
-                String pattern = Json.string(content, "pattern", "*");
-                Pattern glob = glob(pattern);
+                int[] glob = Json.string(content, "pattern", "*").codePoints().toArray();
+                int n = count(content, Integer.MAX_VALUE);
                 Set<String> seen = new HashSet<>();
                 boolean unique = Json.bool(content, "unique", false);
                 for (int i = entries.size() - 1; i >= 0; i--) {
                     Entry e = entries.get(i);
-                    if (glob.matcher(e.input()).matches() && (!unique || seen.add(e.input()))) {
+                    if (globMatches(glob, e.input().codePoints().toArray()) && (!unique || seen.add(e.input()))) {
                         chosen.add(0, e);
                     }
                 }
-                int n = Json.integer(content, "n", Integer.MAX_VALUE);
-                chosen = new ArrayList<>(chosen.subList(Math.max(0, chosen.size() - n), chosen.size()));
+                chosen = last(chosen, n);
             }
-            default -> {
-            }
+            default -> throw new IllegalArgumentException("unknown hist_access_type " + type
+                    + "; tail, range and search are known");
         }
         JsonArray list = new JsonArray();
         for (Entry e : chosen) {
@@ -78,24 +78,62 @@ final class History {
         return c;
     }
 
-    /** A history search's glob pattern: * any text, ? any one character, everything else itself. */
-    private static Pattern glob(String pattern) {
-        StringBuilder regex = new StringBuilder();
-        StringBuilder literal = new StringBuilder();
-        for (char ch : pattern.toCharArray()) {
-            if (ch == '*' || ch == '?') {
-                if (literal.length() > 0) {
-                    regex.append(Pattern.quote(literal.toString()));
-                    literal.setLength(0);
-                }
-                regex.append(ch == '*' ? ".*" : ".");
-            } else {
-                literal.append(ch);
+    private static int count(JsonObject content, int otherwise) {
+        int n = Json.integer(content, "n", otherwise);
+        if (n < 0) {
+            throw new IllegalArgumentException("n is " + n + "; it must be 0 or more");
+        }
+        return n;
+    }
+
+    private static List<Entry> last(List<Entry> list, int n) {
+        return new ArrayList<>(list.subList(Math.max(0, list.size() - n), list.size()));
+    }
+
+    /**
+     * Whether the text matches the glob pattern: * any text, ? any one
+     * character, everything else itself. The pieces between stars have fixed
+     * lengths, so each is taken at its leftmost place after the one before:
+     * the first at the start, the last at the end. Nothing is tried twice,
+     * and the time is at most the text's length times the pattern's.
+     */
+    static boolean globMatches(int[] pattern, int[] text) {
+        List<int[]> pieces = new ArrayList<>();
+        int from = 0;
+        for (int i = 0; i <= pattern.length; i++) {
+            if (i == pattern.length || pattern[i] == '*') {
+                pieces.add(Arrays.copyOfRange(pattern, from, i));
+                from = i + 1;
             }
         }
-        if (literal.length() > 0) {
-            regex.append(Pattern.quote(literal.toString()));
+        int[] first = pieces.get(0);
+        if (pieces.size() == 1) {
+            return first.length == text.length && matchesAt(first, text, 0);
         }
-        return Pattern.compile(regex.toString(), Pattern.DOTALL);
+        int[] lastPiece = pieces.get(pieces.size() - 1);
+        int end = text.length - lastPiece.length;
+        if (end < first.length || !matchesAt(first, text, 0) || !matchesAt(lastPiece, text, end)) {
+            return false;
+        }
+        int at = first.length;
+        for (int[] piece : pieces.subList(1, pieces.size() - 1)) {
+            while (at + piece.length <= end && !matchesAt(piece, text, at)) {
+                at++;
+            }
+            if (at + piece.length > end) {
+                return false;
+            }
+            at += piece.length;
+        }
+        return true;
+    }
+
+    private static boolean matchesAt(int[] piece, int[] text, int at) {
+        for (int k = 0; k < piece.length; k++) {
+            if (piece[k] != '?' && piece[k] != text[at + k]) {
+                return false;
+            }
+        }
+        return true;
     }
 }

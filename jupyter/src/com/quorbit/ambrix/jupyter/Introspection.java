@@ -24,8 +24,8 @@ final class Introspection {
 
     void register(MessageLoop loop) {
         loop.answer("is_complete_request", Introspection::isComplete);
-        loop.answer("complete_request", this::complete);
-        loop.answer("inspect_request", this::inspect);
+        loop.answerWithKernel("complete_request", this::complete);
+        loop.answerWithKernel("inspect_request", this::inspect);
     }
 
     private static JsonObject isComplete(JsonObject content) {

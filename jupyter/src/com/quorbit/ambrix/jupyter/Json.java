@@ -1,5 +1,6 @@
 package com.quorbit.ambrix.jupyter;
 
+import com.google.gson.JsonArray;
 import com.google.gson.JsonElement;
 import com.google.gson.JsonObject;
 
@@ -27,6 +28,16 @@ final class Json {
     static JsonObject ok() {
         JsonObject c = new JsonObject();
         c.addProperty("status", "ok");
+        return c;
+    }
+
+    /** An error reply's content, as the Python kernel gives it. */
+    static JsonObject error(String name, String value) {
+        JsonObject c = new JsonObject();
+        c.addProperty("status", "error");
+        c.addProperty("ename", name);
+        c.addProperty("evalue", value);
+        c.add("traceback", new JsonArray());
         return c;
     }
 }

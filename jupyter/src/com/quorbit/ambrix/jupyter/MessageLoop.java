@@ -1,12 +1,15 @@
 package com.quorbit.ambrix.jupyter;
 
-import com.google.gson.JsonArray;
 import com.google.gson.JsonObject;
 import java.nio.charset.StandardCharsets;
+import java.util.ArrayDeque;
 import java.util.ArrayList;
+import java.util.Deque;
 import java.util.HashMap;
 import java.util.List;
 import java.util.Map;
+import java.util.concurrent.atomic.AtomicBoolean;
+import java.util.concurrent.locks.ReentrantLock;
 import java.util.function.BooleanSupplier;
 import java.util.function.UnaryOperator;
 import org.zeromq.ZMQ;
@@ -16,8 +19,20 @@ import org.zeromq.ZMQ;
  * channel's requests run one at a time on the thread that calls
  * {@link #serveShell}; the control channel and the heartbeat have threads of
  * their own. Each request goes to the handler registered for its type,
- * between a "busy" and an "idle" status on iopub; a type that none handles
- * gets an error reply.
+ * between a "busy" and an "idle" status on iopub; a type that none handles,
+ * and a request whose handler fails before it replies, get an error reply.
+ *
+ * <p>The control thread never waits for the kernel: a request that needs it
+ * ({@link #withKernel}) is answered there only while the kernel is idle,
+ * and with an error status while a cell holds it. The kernel is one
+ * evaluator behind one lock, so nothing that needs it can be served beside
+ * a running cell; an immediate "busy" keeps interrupt and shutdown, which
+ * come behind on the same channel, answered at once.
+ *
+ * <p>An interrupt ({@link #interrupt}) ends the running cell and every
+ * execute request that waits on the shell socket when the shell thread
+ * takes it, at once (a socket of its own wakes that thread), so a request
+ * sent just before the interrupt is ended too, and one sent after it runs.
  */
 final class MessageLoop {
     /** What a request of one type does: it replies on the socket it came from, if at all. */
@@ -32,8 +47,17 @@ final class MessageLoop {
     private final ZMQ.Socket iopub;
     private final ZMQ.Socket stdin;
     private final ZMQ.Socket heartbeat;
+    /** Wakes the shell thread when an interrupt comes: read by it, written by the others, under its lock. */
+    private final ZMQ.Socket wakeIn;
+    private final ZMQ.Socket wakeOut;
     private final Map<String, Handler> handlers = new HashMap<>();
     private volatile boolean running = true;
+    /** Held by whoever uses the kernel: a cell for its whole run, an introspection for its query. */
+    private final ReentrantLock kernel = new ReentrantLock();
+    /** An interrupt that the shell thread has not taken yet. */
+    private final AtomicBoolean interrupt = new AtomicBoolean();
+    /** Requests taken off the shell socket and not handled yet, oldest first; the shell thread's alone. */
+    private final Deque<Channels.Message> backlog = new ArrayDeque<>();
 
     MessageLoop(JsonObject connection) {
         channels = new Channels(Json.string(connection, "key", ""),
@@ -45,11 +69,16 @@ final class MessageLoop {
         stdin = bind(ZMQ.ROUTER, base, connection, "stdin_port");
         iopub = bind(ZMQ.PUB, base, connection, "iopub_port");
         heartbeat = bind(ZMQ.REP, base, connection, "hb_port");
+        wakeIn = context.socket(ZMQ.PAIR);
+        wakeIn.bind("inproc://vexel-wake");
+        wakeOut = context.socket(ZMQ.PAIR);
+        wakeOut.connect("inproc://vexel-wake");
     }
 
     private ZMQ.Socket bind(int type, String base, JsonObject connection, String port) {
         ZMQ.Socket s = context.socket(type);
         s.setLinger(1000);
+        s.setMaxMsgSize(Channels.MAX_MESSAGE_SIZE);
         s.bind(base + connection.get(port).getAsInt());
         return s;
     }
@@ -62,6 +91,33 @@ final class MessageLoop {
     /** Requests of this type get a reply whose content the function makes from theirs. */
     void answer(String type, UnaryOperator<JsonObject> content) {
         on(type, (socket, m) -> reply(socket, m, replyType(type), content.apply(m.content)));
+    }
+
+    /** As {@link #answer}, for a request that needs the kernel. */
+    void answerWithKernel(String type, UnaryOperator<JsonObject> content) {
+        on(type, withKernel((socket, m) -> reply(socket, m, replyType(type), content.apply(m.content))));
+    }
+
+    /**
+     * The handler, run holding the kernel: on the shell channel after any
+     * introspection on control ends, on the control channel only when the
+     * kernel is free at once; otherwise the reply says it is busy.
+     */
+    Handler withKernel(Handler handler) {
+        return (socket, m) -> {
+            if (socket != control) {
+                kernel.lock();
+            } else if (!kernel.tryLock()) {
+                reply(socket, m, replyType(m.type()),
+                        Json.error("KernelBusy", "the kernel is running a cell; ask again when it is idle"));
+                return;
+            }
+            try {
+                handler.handle(socket, m);
+            } finally {
+                kernel.unlock();
+            }
+        };
     }
 
     private static String replyType(String type) {
@@ -83,23 +139,79 @@ final class MessageLoop {
         Thread hb = new Thread(this::beat, "vexel-heartbeat");
         hb.setDaemon(true);
         hb.start();
-        Thread ctl = new Thread(() -> serve(control), "vexel-control");
+        Thread ctl = new Thread(this::serveControl, "vexel-control");
         ctl.setDaemon(true);
         ctl.start();
         publishStatus("starting", null);
-        serve(shell);
+        ZMQ.Poller poller = new ZMQ.Poller(2);
+        poller.register(shell, ZMQ.Poller.POLLIN);
+        poller.register(wakeIn, ZMQ.Poller.POLLIN);
+        while (running) {
+            if (backlog.isEmpty() && poller.poll(200) > 0 && poller.pollin(1)) {
+                while (wakeIn.recv(ZMQ.DONTWAIT) != null) {
+                    // one byte per interrupt: the flag says the rest
+                }
+            }
+            takeInterrupt();
+            if (backlog.isEmpty()) {
+                pull();
+            }
+            Channels.Message m = backlog.poll();
+            if (m != null) {
+                handleSafely(shell, m);
+            }
+        }
     }
 
-    /** Answers the socket's requests, one at a time, until the kernel ends. */
-    private void serve(ZMQ.Socket socket) {
+    /** Answers the control socket's requests, one at a time, until the kernel ends. */
+    private void serveControl() {
         ZMQ.Poller poller = new ZMQ.Poller(1);
-        poller.register(socket, ZMQ.Poller.POLLIN);
+        poller.register(control, ZMQ.Poller.POLLIN);
         while (running) {
             if (poller.poll(200) > 0 && poller.pollin(0)) {
-                Channels.Message m = channels.receive(socket);
+                Channels.Message m = channels.receive(control);
                 if (m != null) {
-                    handle(socket, m);
+                    handleSafely(control, m);
                 }
+            }
+        }
+    }
+
+    /** Handles the request; nothing that goes wrong in it ends the thread that serves its channel. */
+    private void handleSafely(ZMQ.Socket socket, Channels.Message m) {
+        try {
+            handle(socket, m);
+        } catch (Throwable e) {
+            System.err.println("vexel kernel: " + m.type() + " failed: " + e);
+        }
+    }
+
+    /**
+     * Raises an interrupt, from any thread: the running cell ends at its next
+     * statement or interrupt query, and the shell thread wakes to end the
+     * execute requests waiting.
+     */
+    void interrupt() {
+        interrupt.set(true);
+        synchronized (wakeOut) {
+            wakeOut.send(new byte[1], ZMQ.DONTWAIT);
+        }
+    }
+
+    /** Whether an interrupt was raised that the shell thread has not taken yet. */
+    boolean interruptPending() {
+        return interrupt.get();
+    }
+
+    /**
+     * On the shell thread: takes an interrupt raised since the last look,
+     * marking every request waiting now to end as it starts.
+     */
+    void takeInterrupt() {
+        if (interrupt.getAndSet(false)) {
+            pull();
+            for (Channels.Message q : backlog) {
+                q.interrupted = true;
             }
         }
     }
@@ -117,8 +229,11 @@ final class MessageLoop {
         publishStatus("busy", m);
         try {
             handlers.getOrDefault(m.type(), this::unknown).handle(socket, m);
-        } catch (RuntimeException e) {
+        } catch (RuntimeException | StackOverflowError e) {
             System.err.println("vexel kernel: " + m.type() + " failed: " + e);
+            if (!m.replied && m.type().endsWith("_request")) {
+                reply(socket, m, replyType(m.type()), Json.error("BadRequest", m.type() + ": " + e.getMessage()));
+            }
         } finally {
             publishStatus("idle", m);
         }
@@ -126,15 +241,11 @@ final class MessageLoop {
 
     private void unknown(ZMQ.Socket socket, Channels.Message m) {
         System.err.println("vexel kernel: unknown request type " + m.type());
-        JsonObject c = new JsonObject();
-        c.addProperty("status", "error");
-        c.addProperty("ename", "UnknownRequest");
-        c.addProperty("evalue", "unknown request type " + m.type());
-        c.add("traceback", new JsonArray());
-        reply(socket, m, replyType(m.type()), c);
+        reply(socket, m, replyType(m.type()), Json.error("UnknownRequest", "unknown request type " + m.type()));
     }
 
     void reply(ZMQ.Socket socket, Channels.Message to, String type, JsonObject content) {
+        to.replied = true;
         channels.send(socket, type, content, to, to.identities);
     }
 
@@ -148,18 +259,24 @@ final class MessageLoop {
         publish("status", c, parent);
     }
 
-    /** The requests already waiting on the shell socket. */
+    /** The requests already waiting on the shell socket, taken off it. */
     List<Channels.Message> waiting() {
-        List<Channels.Message> queued = new ArrayList<>();
+        pull();
+        List<Channels.Message> queued = new ArrayList<>(backlog);
+        backlog.clear();
+        return queued;
+    }
+
+    /** Moves the requests waiting on the shell socket to the backlog. */
+    private void pull() {
         ZMQ.Poller poller = new ZMQ.Poller(1);
         poller.register(shell, ZMQ.Poller.POLLIN);
         while (poller.poll(0) > 0 && poller.pollin(0)) {
             Channels.Message q = channels.receive(shell);
             if (q != null) {
-                queued.add(q);
+                backlog.add(q);
             }
         }
-        return queued;
     }
 
     /**

@@ -42,7 +42,7 @@ public final class VexelKernel {
         Engine engine = new Engine(new String[] {"-q"}, output, null);
         Introspection introspection = new Introspection(engine);
         History history = new History();
-        Control control = new Control(loop, engine, output);
+        Control control = new Control(loop, engine);
         new Execution(loop, engine, output, new Display(engine), introspection, history).register(loop);
         introspection.register(loop);
         history.register(loop);
