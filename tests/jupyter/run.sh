@@ -36,7 +36,12 @@ fi
 /usr/bin/jupyter nbconvert --to notebook --execute --ExecutePreprocessor.timeout=60 \
   --output-dir "$work" --output executed "$src/examples/vexel-tour.ipynb"
 /usr/bin/python3 "$src/tests/jupyter/check_notebook.py" "$work/executed.ipynb"
+# Reopened through a notebook server, never trusted here: its plot still shows as a picture.
+/usr/bin/python3 "$src/tests/jupyter/check_untrusted.py" "$work/executed.ipynb"
 # nbconvert highlights the cells with the lexer that language_info names.
 /usr/bin/jupyter nbconvert --to html --output-dir "$work" --output executed "$work/executed.ipynb" 2>/dev/null
 grep -q '<span class="k">proc</span>' "$work/executed.html" \
   || { echo "FAILED: the notebook's HTML has no Vexel highlighting"; exit 1; }
+# Its plot is an image (nbconvert strips an SVG picture's elements).
+grep -q '<img src="data:image/png;base64,[A-Za-z0-9+/=]\{1000,\}" alt="plot">' "$work/executed.html" \
+  || { echo "FAILED: the notebook's HTML shows no plot as an image"; exit 1; }

@@ -6,11 +6,18 @@ import com.quorbit.ambrix.Engine;
 import com.quorbit.ambrix.Procedure;
 import com.quorbit.ambrix.RTable;
 import com.quorbit.externalcall.VexelException;
+import java.io.ByteArrayOutputStream;
+import java.io.StringReader;
+import java.util.Base64;
+import org.apache.batik.transcoder.TranscoderException;
+import org.apache.batik.transcoder.TranscoderInput;
+import org.apache.batik.transcoder.TranscoderOutput;
+import org.apache.batik.transcoder.image.PNGTranscoder;
 
 /**
  * How values look in a notebook: display data as plain text, with LaTeX
- * when values are typeset, a plot as an SVG picture, and a help page as
- * text and HTML.
+ * when values are typeset, a plot as an SVG picture and a PNG image (drawn
+ * by Batik), and a help page as text and HTML.
  */
 final class Display {
     /** Rectangular tables with more entries than this stay plain. */
@@ -84,12 +91,34 @@ final class Display {
         return data;
     }
 
-    /** A plot: its SVG picture, and a line of text for consoles. */
+    /**
+     * A plot: its SVG picture; the same drawn as a PNG image, which an
+     * untrusted notebook shows where it does not render SVG; that image as
+     * HTML too, which nbconvert's HTML prefers to SVG (it strips an SVG's
+     * elements); and a line of text for consoles.
+     */
     static JsonObject plot(String svg) {
         JsonObject data = new JsonObject();
         data.addProperty("image/svg+xml", svg);
+        String png = png(svg);
+        if (png != null) {
+            data.addProperty("image/png", png);
+            data.addProperty("text/html", "<img src=\"data:image/png;base64," + png + "\" alt=\"plot\">");
+        }
         data.addProperty("text/plain", "<plot>");
         return data;
+    }
+
+    /** The SVG picture as a PNG image at its own size, base64-encoded; null when it cannot be drawn. */
+    static String png(String svg) {
+        try {
+            ByteArrayOutputStream out = new ByteArrayOutputStream();
+            new PNGTranscoder().transcode(new TranscoderInput(new StringReader(svg)), new TranscoderOutput(out));
+            return Base64.getEncoder().encodeToString(out.toByteArray());
+        } catch (TranscoderException | RuntimeException | LinkageError e) {
+            System.err.println("vexel kernel: a plot could not be drawn as PNG: " + e);
+            return null;
+        }
     }
 
     /**

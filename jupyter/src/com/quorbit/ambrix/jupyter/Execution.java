@@ -253,7 +253,11 @@ final class Execution {
         }
     }
 
-    /** After an error, the execute requests that were queued are answered "aborted", as the protocol says. */
+    /**
+     * After an error, the execute requests that were queued are answered
+     * "aborted", as the protocol says. The reply has no execution count, as
+     * the Python kernel's: a cell that never ran shows no number.
+     */
     private void abort(List<Channels.Message> queued) {
         for (Channels.Message q : queued) {
             if (!q.type().equals("execute_request")) {
@@ -263,7 +267,6 @@ final class Execution {
             loop.publishStatus("busy", q);
             JsonObject c = new JsonObject();
             c.addProperty("status", "aborted");
-            c.addProperty("execution_count", executionCount);
             loop.reply(loop.shell, q, "execute_reply", c);
             loop.publishStatus("idle", q);
         }

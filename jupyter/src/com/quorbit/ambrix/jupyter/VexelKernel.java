@@ -52,6 +52,11 @@ public final class VexelKernel {
         } catch (IllegalArgumentException e) {
             System.err.println("vexel kernel: SIGINT cannot be handled: " + e.getMessage());
         }
+        // The first plot drawn as PNG loads the drawing library: done now, beside the start.
+        Thread warm = new Thread(() -> Display.png("<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"2\" height=\"2\"/>"),
+                "vexel-png-warmup");
+        warm.setDaemon(true);
+        warm.start();
         loop.serveShell();
     }
 }
