@@ -10,6 +10,7 @@ import java.security.InvalidKeyException;
 import java.security.MessageDigest;
 import java.security.NoSuchAlgorithmException;
 import java.time.Instant;
+import java.time.OffsetDateTime;
 import java.util.ArrayList;
 import java.util.Arrays;
 import java.util.HexFormat;
@@ -78,6 +79,26 @@ final class Channels {
 
         String type() {
             return type;
+        }
+
+        /**
+         * Whether this message was sent after the other by the same client:
+         * the same session, and a later time stamp (a client stamps its
+         * messages from one clock). False when either says nothing readable.
+         */
+        boolean sentAfter(Message other) {
+            Instant sent = sent();
+            Instant otherSent = other.sent();
+            return sent != null && otherSent != null && header.get("session") instanceof JsonPrimitive s
+                    && s.isString() && s.equals(other.header.get("session")) && sent.isAfter(otherSent);
+        }
+
+        private Instant sent() {
+            try {
+                return OffsetDateTime.parse(header.get("date").getAsString()).toInstant();
+            } catch (RuntimeException e) {
+                return null;
+            }
         }
     }
 

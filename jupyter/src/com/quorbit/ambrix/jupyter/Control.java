@@ -33,9 +33,9 @@ final class Control {
             c.add("comms", new JsonObject());
             return c;
         });
-        loop.answer("interrupt_request", content -> {
-            interrupt();
-            return Json.ok();
+        loop.on("interrupt_request", (socket, m) -> {
+            interrupt(m);
+            loop.reply(socket, m, "interrupt_reply", Json.ok());
         });
         loop.on("shutdown_request", this::shutdown);
         for (String ignored : new String[] {"comm_open", "comm_msg", "comm_close"}) {
@@ -44,9 +44,12 @@ final class Control {
         }
     }
 
-    /** Ends the running cell, and the cells waiting to run (see {@link MessageLoop#interrupt}). */
-    void interrupt() {
-        loop.interrupt();
+    /**
+     * Ends the running cell, and the cells waiting to run (see
+     * {@link MessageLoop#interrupt}); the request that asks, or null.
+     */
+    void interrupt(Channels.Message request) {
+        loop.interrupt(request);
         try {
             engine.interrupt();
         } catch (VexelException e) {
@@ -100,7 +103,7 @@ final class Control {
     private void shutdown(ZMQ.Socket socket, Channels.Message m) {
         JsonObject c = Json.ok();
         c.addProperty("restart", Json.bool(m.content, "restart", false));
-        interrupt();
+        interrupt(null);
         loop.reply(socket, m, "shutdown_reply", c);
         loop.publish("shutdown_reply", c, m);
         loop.publishStatus("idle", m);

@@ -78,7 +78,7 @@ final class Execution {
             output.current = null;
         }
         // An interrupt that came during the cell has ended it; it ends the cells waiting now too.
-        loop.takeInterrupt();
+        loop.takeInterrupt(true);
         if (store) {
             history.add(count, code, output.text.toString());
         }

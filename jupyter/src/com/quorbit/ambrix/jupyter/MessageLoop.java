@@ -31,8 +31,12 @@ import org.zeromq.ZMQ;
  *
  * <p>An interrupt ({@link #interrupt}) ends the running cell and every
  * execute request that waits on the shell socket when the shell thread
- * takes it, at once (a socket of its own wakes that thread), so a request
- * sent just before the interrupt is ended too, and one sent after it runs.
+ * takes it, at once (a socket of its own wakes that thread). ZeroMQ orders
+ * no messages across two connections: an execute request sent just before
+ * the interrupt may arrive after it. So an interrupt that finds no cell
+ * running and none waiting also ends those that arrive within
+ * {@link #INTERRUPT_GRACE_NANOS}, unless their client sent them after its
+ * interrupt request (its own time stamps say so).
  */
 final class MessageLoop {
     /** What a request of one type does: it replies on the socket it came from, if at all. */
@@ -56,6 +60,16 @@ final class MessageLoop {
     private final ReentrantLock kernel = new ReentrantLock();
     /** An interrupt that the shell thread has not taken yet. */
     private final AtomicBoolean interrupt = new AtomicBoolean();
+    /**
+     * How long an interrupt that found nothing to end still ends an execute
+     * request that arrives: one sent before it may still be on its way, on a
+     * connection of its own.
+     */
+    static final long INTERRUPT_GRACE_NANOS = 100_000_000L;
+    /** Until when an execute request taken off the shell socket is ended as it starts (System.nanoTime). */
+    private long graceEnds = System.nanoTime();
+    /** The last interrupt request; null before the first. */
+    private volatile Channels.Message lastInterrupt;
     /** Requests taken off the shell socket and not handled yet, oldest first; the shell thread's alone. */
     private final Deque<Channels.Message> backlog = new ArrayDeque<>();
 
@@ -152,7 +166,7 @@ final class MessageLoop {
                     // one byte per interrupt: the flag says the rest
                 }
             }
-            takeInterrupt();
+            takeInterrupt(false);
             if (backlog.isEmpty()) {
                 pull();
             }
@@ -189,9 +203,13 @@ final class MessageLoop {
     /**
      * Raises an interrupt, from any thread: the running cell ends at its next
      * statement or interrupt query, and the shell thread wakes to end the
-     * execute requests waiting.
+     * execute requests waiting. The request that asks for it, or null for a
+     * signal.
      */
-    void interrupt() {
+    void interrupt(Channels.Message request) {
+        if (request != null) {
+            lastInterrupt = request;
+        }
         interrupt.set(true);
         synchronized (wakeOut) {
             wakeOut.send(new byte[1], ZMQ.DONTWAIT);
@@ -205,13 +223,18 @@ final class MessageLoop {
 
     /**
      * On the shell thread: takes an interrupt raised since the last look,
-     * marking every request waiting now to end as it starts.
+     * marking every request waiting now to end as it starts; when there is
+     * none, and no cell was running ({@code cellEnded} false), those that
+     * arrive within the grace too.
      */
-    void takeInterrupt() {
+    void takeInterrupt(boolean cellEnded) {
         if (interrupt.getAndSet(false)) {
             pull();
             for (Channels.Message q : backlog) {
                 q.interrupted = true;
+            }
+            if (backlog.isEmpty() && !cellEnded) {
+                graceEnds = System.nanoTime() + INTERRUPT_GRACE_NANOS;
             }
         }
     }
@@ -274,6 +297,8 @@ final class MessageLoop {
         while (poller.poll(0) > 0 && poller.pollin(0)) {
             Channels.Message q = channels.receive(shell);
             if (q != null) {
+                Channels.Message last = lastInterrupt;
+                q.interrupted = System.nanoTime() - graceEnds < 0 && !(last != null && q.sentAfter(last));
                 backlog.add(q);
             }
         }

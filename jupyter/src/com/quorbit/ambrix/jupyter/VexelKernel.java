@@ -48,7 +48,7 @@ public final class VexelKernel {
         history.register(loop);
         control.register(loop);
         try {
-            sun.misc.Signal.handle(new sun.misc.Signal("INT"), signal -> control.interrupt());
+            sun.misc.Signal.handle(new sun.misc.Signal("INT"), signal -> control.interrupt(null));
         } catch (IllegalArgumentException e) {
             System.err.println("vexel kernel: SIGINT cannot be handled: " + e.getMessage());
         }
