@@ -15,12 +15,13 @@ from queue import Empty
 from jupyter_client.manager import start_new_kernel
 
 import png
+from guard import Guarded
 
 TIMEOUT = 20
 SVG = "{http://www.w3.org/2000/svg}"
 
 
-class VexelClientTests(unittest.TestCase):
+class VexelClientTests(Guarded, unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         cls.km, cls.kc = start_new_kernel(kernel_name="vexel", startup_timeout=60)
@@ -31,16 +32,8 @@ class VexelClientTests(unittest.TestCase):
         cls.km.shutdown_kernel(now=True)
 
     def setUp(self):
-        signal.signal(signal.SIGALRM, self.guard)
-        signal.alarm(60)
+        super().setUp()
         self.drain()
-
-    def tearDown(self):
-        signal.alarm(0)
-
-    @staticmethod
-    def guard(signum, frame):
-        raise TimeoutError("the test's guard timeout passed")
 
     def drain(self):
         for get in (self.kc.get_shell_msg, self.kc.get_iopub_msg, self.kc.get_stdin_msg):

@@ -14,6 +14,8 @@ import zmq
 from jupyter_client.manager import start_new_kernel
 from jupyter_client.session import Session
 
+from guard import Guarded
+
 TIMEOUT = 20
 ENDLESS = "for i to 10^9 do end do;"
 
@@ -63,7 +65,9 @@ class Peer:
         self.socket.close()
 
 
-class HostilePeerTests(unittest.TestCase):
+class HostilePeerTests(Guarded, unittest.TestCase):
+    guard_seconds = 120
+
     @classmethod
     def setUpClass(cls):
         cls.km, cls.kc = start_new_kernel(kernel_name="vexel", startup_timeout=60)
@@ -76,17 +80,6 @@ class HostilePeerTests(unittest.TestCase):
         cls.control.close()
         cls.kc.stop_channels()
         cls.km.shutdown_kernel(now=True)
-
-    def setUp(self):
-        signal.signal(signal.SIGALRM, self.guard)
-        signal.alarm(120)
-
-    def tearDown(self):
-        signal.alarm(0)
-
-    @staticmethod
-    def guard(signum, frame):
-        raise TimeoutError("the test's guard timeout passed")
 
     def assertAnswers(self):
         """Both channels still answer."""
