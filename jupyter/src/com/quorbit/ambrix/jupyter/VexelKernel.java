@@ -52,8 +52,9 @@ public final class VexelKernel {
         } catch (IllegalArgumentException e) {
             System.err.println("vexel kernel: SIGINT cannot be handled: " + e.getMessage());
         }
-        // The first plot drawn as PNG loads the drawing library: done now, beside the start.
-        Thread warm = new Thread(() -> Display.png("<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"2\" height=\"2\"/>"),
+        // The first plot drawn as PNG loads the drawing library and its fonts: done now, beside the start.
+        Thread warm = new Thread(() -> Display.png("<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"8\" height=\"8\">"
+                + "<polyline points=\"0,0 8,8\" stroke=\"black\"/><text x=\"0\" y=\"8\">0</text></svg>"),
                 "vexel-png-warmup");
         warm.setDaemon(true);
         warm.start();
