@@ -46,6 +46,6 @@ set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION math)
 set(CPACK_DEBIAN_PACKAGE_DEPENDS
-    "default-jre-headless (>= 2:1.17) | java17-runtime-headless, libjline3-java, libjeromq-java, libgoogle-gson-java")
+    "default-jre-headless (>= 2:1.17) | java17-runtime-headless, libjline3-java, libjeromq-java, libgoogle-gson-java, libbatik-java")
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 include(CPack)

@@ -3,9 +3,10 @@
 # also what only the tests need (Jupyter, for the notebook kernel's tests).
 set -euo pipefail
 packages=(g++ cmake make file libgmp-dev libgtest-dev openjdk-17-jdk-headless junit5 libjline3-java dpkg-dev
-          libjeromq-java libgoogle-gson-java)
+          libjeromq-java libgoogle-gson-java libbatik-java)
 if [[ ${1-} == --tests ]]; then
   packages+=(python3-jupyter-kernel-test python3-jupyter-client jupyter-client jupyter-nbconvert python3-nbclient
+             jupyter-notebook
              maven libmaven-compiler-plugin-java libmaven-resources-plugin-java libmaven-jar-plugin-java
              libsurefire-java unzip libxml2-utils slurm-wlm munge)
 fi

@@ -43,7 +43,7 @@ grep -q "^./usr/lib/python3/dist-packages/vexel_pygments/__init__.py " "$work/fi
 dpkg-deb -x "$deb" "$work/unpacked"
 depends=$(dpkg-deb -f "$deb" Depends)
 echo "Depends: $depends"
-for package in default-jre-headless libgmp10 libjline3-java libjeromq-java libgoogle-gson-java; do
+for package in default-jre-headless libgmp10 libjline3-java libjeromq-java libgoogle-gson-java libbatik-java; do
   [[ ", $depends" == *", $package"* ]] || { echo "the package does not depend on $package"; exit 1; }
 done
 

@@ -1,4 +1,5 @@
 """Checks the executed example notebook: every cell's outputs, in order."""
+import base64
 import json
 import sys
 
@@ -36,6 +37,9 @@ def shown(output):
         return kind, text(data["text/plain"]), text(data["text/latex"])
     if "image/svg+xml" in data:
         assert text(data["image/svg+xml"]).startswith("<svg"), "a plot that is no SVG document"
+        png = text(data["image/png"]).replace("\n", "")
+        assert base64.b64decode(png).startswith(b"\x89PNG"), "a plot without its PNG image"
+        assert text(data["text/html"]) == f'<img src="data:image/png;base64,{png}" alt="plot">', "no <img> of it"
         return kind, text(data["text/plain"]), "svg"
     return kind, text(data["text/plain"])
 

@@ -1,6 +1,7 @@
 """The Vexel kernel through jupyter_client's BlockingKernelClient: interrupt,
 restart, signatures, input, and the order of a cell's outputs. Each wait has
 a guard timeout, so that a fault shows as a failure, never a hang."""
+import base64
 import hashlib
 import hmac
 from xml.etree import ElementTree
@@ -13,11 +14,14 @@ from queue import Empty
 
 from jupyter_client.manager import start_new_kernel
 
+import png
+from guard import Guarded
+
 TIMEOUT = 20
 SVG = "{http://www.w3.org/2000/svg}"
 
 
-class VexelClientTests(unittest.TestCase):
+class VexelClientTests(Guarded, unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         cls.km, cls.kc = start_new_kernel(kernel_name="vexel", startup_timeout=60)
@@ -28,16 +32,8 @@ class VexelClientTests(unittest.TestCase):
         cls.km.shutdown_kernel(now=True)
 
     def setUp(self):
-        signal.signal(signal.SIGALRM, self.guard)
-        signal.alarm(60)
+        super().setUp()
         self.drain()
-
-    def tearDown(self):
-        signal.alarm(0)
-
-    @staticmethod
-    def guard(signum, frame):
-        raise TimeoutError("the test's guard timeout passed")
 
     def drain(self):
         for get in (self.kc.get_shell_msg, self.kc.get_iopub_msg, self.kc.get_stdin_msg):
@@ -163,8 +159,10 @@ class VexelClientTests(unittest.TestCase):
         replies = {}
         while len(replies) < 2:
             reply = self.kc.get_shell_msg(timeout=TIMEOUT)
-            replies[reply["parent_header"]["msg_id"]] = reply["content"]["status"]
-        self.assertEqual(replies, {failing: "error", queued: "aborted"})
+            replies[reply["parent_header"]["msg_id"]] = reply["content"]
+        self.assertEqual(replies[failing]["status"], "error")
+        # As the Python kernel's: no execution count, so the cell's prompt shows none ("In [ ]").
+        self.assertEqual(replies[queued], {"status": "aborted"})
         self.assertEqual(self.run_cell("3;")[0]["status"], "ok")
 
     def test_silent_cells_show_nothing_and_keep_no_history(self):
@@ -232,7 +230,7 @@ class VexelClientTests(unittest.TestCase):
         self.assertEqual(reply["status"], "ok")
         kinds = [(m["msg_type"], sorted(m["content"].get("data", {"stream": 1}))) for m in out]
         self.assertEqual(kinds, [("display_data", ["text/latex", "text/plain"]),
-                                 ("display_data", ["image/svg+xml", "text/plain"]),
+                                 ("display_data", ["image/png", "image/svg+xml", "text/html", "text/plain"]),
                                  ("stream", ["stream"]),
                                  ("execute_result", ["text/latex", "text/plain"])])
         self.assertEqual(out[0]["content"]["data"]["text/latex"],
@@ -253,6 +251,21 @@ class VexelClientTests(unittest.TestCase):
         ys = [y for _, y in points]
         self.assertEqual(min(ys), ys[0])
         self.assertAlmostEqual(max(ys), ys[len(ys) // 2], delta=0.5)
+
+    def test_a_plot_is_drawn_as_png_too(self):
+        """The PNG image (for untrusted notebooks, and as HTML for nbconvert's) is the SVG picture drawn:
+        its size, its white ground, and both curves in their colours."""
+        data = self.run_cell("plot([x, x^3], x = 0..1);")[1][0]["content"]["data"]
+        svg = ElementTree.fromstring(data["image/svg+xml"])
+        image = base64.b64decode(data["image/png"])
+        self.assertEqual(data["text/html"], f'<img src="data:image/png;base64,{data["image/png"]}" alt="plot">')
+        width, height, rows = png.pixels(image)
+        self.assertEqual((width, height), (round(float(svg.get("width"))), round(float(svg.get("height")))))
+        self.assertEqual(rows[2][2], (255, 255, 255))
+        colours = {p for row in rows for p in row}
+        for line in svg.iter(SVG + "polyline"):
+            want = tuple(bytes.fromhex(line.get("stroke")[1:]))
+            self.assertTrue(any(sum(abs(a - b) for a, b in zip(p, want)) < 24 for p in colours), want)
 
     def test_display_plain_turns_typesetting_off_and_latex_on(self):
         try:
