@@ -26,7 +26,7 @@ const char *const kIndexInfo =
     "fractions exactly, floats, complex numbers, the elementary functions of a float (sin(1.0), exp(0.5)), "
     "evalf(Pi), lists, sets, tables and rectangular tables, procedures, loops, plot and latex. It does no symbolic "
     "mathematics: int(x^2, x), diff(sin(x)*x, x), expand((x+1)^3) and sin(1) of an exact number come back "
-    "unevaluated, as typed. The topics:";
+    "unevaluated, as typed. See Also lists every topic.";
 
 const char *const kElementaryInfo =
     "The elementary functions sin, cos, tan, arcsin, arccos, arctan, sinh, cosh, tanh, exp, ln (also log), sqrt and "
