@@ -27,8 +27,11 @@ export PYTHONPATH=$work/site
 node "$src/tests/jupyter/codemirror_mode.js" "$src/jupyter/kernelspec/kernel.js"
 cd "$src/tests/jupyter"
 /usr/bin/python3 -m unittest -v test_kernel test_client test_lexer 2>&1 | tee "$work/unittest.log"
+# Every cell of the example carries its id, as its format (4.5) asks: nbconvert warns of none.
 /usr/bin/jupyter nbconvert --to notebook --execute --ExecutePreprocessor.timeout=60 \
-  --output-dir "$work" --output executed "$src/examples/vexel-tour.ipynb"
+  --output-dir "$work" --output executed "$src/examples/vexel-tour.ipynb" 2>"$work/nbconvert.log" \
+  || { cat "$work/nbconvert.log"; exit 1; }
+if grep Warning "$work/nbconvert.log"; then echo "FAILED: nbconvert warned on the example notebook"; exit 1; fi
 /usr/bin/python3 "$src/tests/jupyter/check_notebook.py" "$work/executed.ipynb"
 # nbconvert highlights the cells with the lexer that language_info names.
 /usr/bin/jupyter nbconvert --to html --output-dir "$work" --output executed "$work/executed.ipynb" 2>/dev/null
