@@ -97,7 +97,9 @@ exec 3>&-
 status=0
 wait "$shell" || status=$?
 [[ $status == 1 ]] || { echo "FAILED: the interrupted run exited $status, not 1"; exit 1; }
-printf '"looping"\nError, computation interrupted\n42\n' | diff -u - "$work/out"
+# (On a busy machine the interrupt may take long enough for the hint that a
+# kernel which has not stopped gets; it is no part of what is checked here.)
+printf '"looping"\nError, computation interrupted\n42\n' | diff -u - <(grep -v 'has not stopped yet' "$work/out")
 # Every closing word the kernel accepts ends its block: each statement's
 # output appears while the pipe is still open, before the next is sent.
 mkfifo "$work/in2"
@@ -171,6 +173,6 @@ echo '6 * 7;' >&5
 exec 5>&-
 wait "$shell" || true
 printf '"started"\nError, computation interrupted\n9\n"spinning"\nvexel: the kernel has not stopped yet; Ctrl-C again kills it (definitions are lost)\nkernel process ended: killed on request; a new kernel was started (definitions are lost)\n42\n' \
-  | diff -u - <(grep -v '^#' "$work/out3")
+  | diff -u - <(grep -v '^#' "$work/out3" | sed '/^"started"$/,/^9$/{/has not stopped yet/d}')
 SHELL_PRELOAD=$sanitizer_preload /usr/bin/python3 "$here/terminal.py" "$vexel"
 echo "ok: $vexel"
