@@ -289,6 +289,10 @@ H power(H a, H b);
 H negate(H a);
 H relation(Op op, H a, H b);  // < and <= of reals give true/false
 H evalf(H h);
+// The elementary function of one real argument of that name (sin, exp, ln, ...),
+// which the kernel applies to a float and plot samples; null for any other name.
+using RealFunction = double (*)(double);
+RealFunction elementary(const std::string &name);
 std::optional<bool> truth_maybe(H h);
 bool truth(H h);
 H eval_value(H h);  // full evaluation of a value

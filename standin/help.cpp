@@ -1,4 +1,5 @@
-// Help pages: one topic per builtin, each with the sections usage, info,
+// Help pages: one topic per builtin, and "index", which says what the kernel
+// computes and lists the topics; each with the sections usage, info,
 // examples and seealso. In the texts below, _word_ is a parameter (italic) and
 // ~word~ carries the attribute code 2 (only the page attribute-test has one).
 #include "core.hpp"
@@ -15,27 +16,48 @@ struct Page {
     const char *info;
     const char *examples;
     const char *seealso;  // topics separated by spaces
+    bool hook = false;    // a test hook: left out of the index
 };
 
+// What the index says the kernel computes, and what it leaves as typed.
+const char *const kIndexInfo =
+    "This is the stand-in kernel: a small kernel that ships with ambrix so that everything builds, runs and is "
+    "tested. The Vexel kernel, libvexelc, takes its place by name. The stand-in computes integers of any size and "
+    "fractions exactly, floats, complex numbers, the elementary functions of a float (sin(1.0), exp(0.5)), "
+    "evalf(Pi), lists, sets, tables and rectangular tables, procedures, loops, plot and latex. It does no symbolic "
+    "mathematics: int(x^2, x), diff(sin(x)*x, x), expand((x+1)^3) and sin(1) of an exact number come back "
+    "unevaluated, as typed. See Also lists every topic.";
+
+const char *const kElementaryInfo =
+    "The elementary functions sin, cos, tan, arcsin, arccos, arctan, sinh, cosh, tanh, exp, ln (also log), sqrt and "
+    "abs. Of a float they give a float where the result is a real number; of anything else, an exact number or a "
+    "name, they stay unevaluated: sin(1) stays sin(1), and evalf(sin(1)) gives its float. plot evaluates them at "
+    "each point.";
+
+const char *const kElementarySeeAlso = "evalf Pi plot";
+
 const Page kPages[] = {
+    {"index", "?_topic_ shows the help on a topic, ??_topic_ its usage, ???_topic_ its examples.", kIndexInfo,
+     "evalf(Pi); sin(1.0); int(x^2, x);", ""},
     {"print", "print(_e1_, _e2_, ...)",
-     "Prints the expressions _e1_, _e2_, ... on one line, separated by commas, through the text callback with tag 3, "
-     "and returns NULL.",
+     "Prints the expressions _e1_, _e2_, ... on one line, separated by commas, and returns NULL. Strings are "
+     "printed with their quotes.",
      "print(1, \"a\", x);", "lprint WARNING"},
     {"lprint", "lprint(_e1_, _e2_, ...)", "Prints the expressions like print does, on one line, and returns NULL.",
      "lprint(x + 1);", "print"},
     {"error", "error _msg_, _a1_, _a2_, ...",
      "Raises an error. In the string _msg_, %1 stands for the printed form of _a1_, %2 for that of _a2_, and so on. "
-     "The error ends the whole evaluation and is reported through the error callback.",
+     "The error ends the whole statement, and the message is shown as \"Error, ...\".",
      "error \"bad value %1\", x;", "WARNING"},
     {"WARNING", "WARNING(_msg_, _a1_, ...)",
-     "Sends the message _msg_, with %1, %2, ... replaced as for error, through the text callback with tag 5, and "
-     "returns NULL.",
+     "Shows the message _msg_ as a warning, with %1, %2, ... replaced as for error, and returns NULL. The "
+     "statement goes on.",
      "WARNING(\"careful with %1\", x);", "error print"},
     {"evalf", "evalf(_e_)",
-     "Evaluates _e_ with floating-point numbers: integers and fractions become floats, and so do the parts of "
-     "complex numbers and the numbers inside expressions, lists and sets.",
-     "evalf(1/3);", "evalhf eval"},
+     "Evaluates _e_ with floating-point numbers: integers and fractions become floats, and so do Pi, the parts of "
+     "complex numbers and the numbers inside expressions, lists and sets. The elementary functions of the floats "
+     "that result are then evaluated.",
+     "evalf(1/3); evalf(Pi); evalf(sin(1));", "evalhf eval Pi sin"},
     {"evalhf", "evalhf(_e_)",
      "Evaluates _e_ to a hardware float. It is an error when the result is not a real number.", "evalhf(2/3);",
      "evalf"},
@@ -45,6 +67,24 @@ const Page kPages[] = {
     {"evalb", "evalb(_e_)",
      "Evaluates the relation or logical expression _e_ to true or false. It is an error when that cannot be decided.",
      "evalb(1 < 2);", "eval"},
+    {"Pi", "Pi",
+     "The number pi. It stays the name Pi in exact work; evalf(Pi) gives the float 3.141592653589793, and plot "
+     "uses that value.",
+     "evalf(Pi); evalf(2*Pi);", "evalf sin"},
+    {"sin", "sin(_x_)", kElementaryInfo, "sin(1.0); sin(1); evalf(sin(1));", kElementarySeeAlso},
+    {"cos", "cos(_x_)", kElementaryInfo, "cos(0.5);", kElementarySeeAlso},
+    {"tan", "tan(_x_)", kElementaryInfo, "tan(0.5);", kElementarySeeAlso},
+    {"arcsin", "arcsin(_x_)", kElementaryInfo, "arcsin(0.5);", kElementarySeeAlso},
+    {"arccos", "arccos(_x_)", kElementaryInfo, "arccos(0.5);", kElementarySeeAlso},
+    {"arctan", "arctan(_x_)", kElementaryInfo, "arctan(1.0);", kElementarySeeAlso},
+    {"sinh", "sinh(_x_)", kElementaryInfo, "sinh(1.0);", kElementarySeeAlso},
+    {"cosh", "cosh(_x_)", kElementaryInfo, "cosh(1.0);", kElementarySeeAlso},
+    {"tanh", "tanh(_x_)", kElementaryInfo, "tanh(1.0);", kElementarySeeAlso},
+    {"exp", "exp(_x_)", kElementaryInfo, "exp(1.0); evalf(exp(1));", kElementarySeeAlso},
+    {"ln", "ln(_x_) or log(_x_)", kElementaryInfo, "ln(2.0);", kElementarySeeAlso},
+    {"log", "log(_x_) or ln(_x_)", kElementaryInfo, "log(2.0);", kElementarySeeAlso},
+    {"sqrt", "sqrt(_x_)", kElementaryInfo, "sqrt(2.0); sqrt(2);", kElementarySeeAlso},
+    {"abs", "abs(_x_)", kElementaryInfo, "abs(-1.5);", kElementarySeeAlso},
     {"nops", "nops(_e_)",
      "Returns the number of operands of _e_: the elements of a list, set or sequence, the entries of a table, the "
      "arguments of a function call, and 1 for an atom.",
@@ -58,10 +98,11 @@ const Page kPages[] = {
      "calls, lists, sets and tables, 2-D rectangular tables as matrices, strings as text. It prints nothing.",
      "latex((x + 1)^2/(y - 3));", "plot print"},
     {"plot", "plot(_e_, _x_ = _a_.._b_) or plot([_e1_, _e2_, ...], _x_ = _a_.._b_)",
-     "Samples the expressions in _x_ from _a_ to _b_ and sends the front end an SVG picture of their curves through "
-     "the stream \"plot\", with a legend when there are several. It returns NULL. Points where an expression gives "
-     "no number are left out; an expression that gives none at all is an error.",
-     "plot(x^2 - 1, x = -2..2);", "latex"},
+     "Draws the curves of the expressions in _x_ from _a_ to _b_, with a legend when there are several, and returns "
+     "NULL. The shell writes the picture to a file, vexel-plot-N.svg, and names it; a notebook shows it under the "
+     "cell. The expressions may use numbers, Pi, + - * / ^ and the elementary functions. Points where an expression "
+     "gives no number are left out; an expression that gives none at all is an error.",
+     "plot(x^2 - 1, x = -2..2); plot([sin(x), cos(x)], x = 0..2*Pi);", "sin latex"},
     {"seq", "seq(_e_, _i_ = _a_.._b_)",
      "Evaluates _e_ for each integer _i_ from _a_ to _b_ and returns the results as a sequence. The right-hand side "
      "may also be a list or a set, whose elements _i_ then takes in turn.",
@@ -90,58 +131,73 @@ const Page kPages[] = {
      "so far), bytesalloc (the bytes held in kernel memory blocks), gcthreshold (the allocations between automatic "
      "collections, which can also be set) and version.",
      "kernelopts(livevalues);", "gc kernelargs"},
-    {"kernelargs", "kernelargs()", "Returns the start arguments that were not options, as a list of strings.",
+    {"kernelargs", "kernelargs()",
+     "Returns the arguments the kernel was started with that are not options, as a list of strings.",
      "kernelargs();", "kernelopts"},
     {"readline", "readline() or readline(_debug_)",
-     "Asks the embedder for a line of input through the read-line callback (with the debug flag 1 when _debug_ is "
-     "true) and returns it as a string.",
-     "readline();", "callback"},
+     "Reads a line that the user types (in the shell, the next line of its input; in a notebook, an input box) and "
+     "returns it as a string.",
+     "readline();", "print"},
     {"writeto", "writeto(_name_) or writeto(terminal)",
-     "Asks the embedder to send output to the file _name_ (mode w), or back to the terminal (no name). Returns true "
-     "or false as the embedder answers.",
+     "Sends the output that follows to the file _name_, which it empties first, or back to the screen with "
+     "writeto(terminal). Returns true, or false when the file cannot be opened.",
      "writeto(\"out.txt\");", "appendto"},
     {"appendto", "appendto(_name_)",
-     "Asks the embedder to append output to the file _name_ (mode a). Returns true or false as the embedder answers.",
+     "Sends the output that follows to the end of the file _name_. Returns true, or false when the file cannot be "
+     "opened.",
      "appendto(\"out.txt\");", "writeto"},
     {"streamcall", "streamcall(_name_, _s1_, _s2_, ...)",
-     "Calls the embedder's stream callback with the stream _name_ and the strings _s1_, _s2_, ..., and returns its "
-     "answer as a string.",
-     "streamcall(\"plot\", \"a\", \"b\");", "callback"},
+     "Sends the strings _s1_, _s2_, ... to the program that runs the kernel, on its stream _name_, and returns its "
+     "answer as a string. The shell knows the streams \"echo\" (its answer is the strings joined by spaces) and "
+     "\"getenv\" (the value of an environment variable).",
+     "streamcall(\"getenv\", \"HOME\");", "callback"},
     {"callback", "callback(_s_)",
-     "Calls the embedder's general callback with the string _s_ and returns its answer as a string.",
+     "Sends the string _s_ to the program that runs the kernel and returns its answer as a string; the shell answers "
+     "with the string itself.",
      "callback(\"ping\");", "streamcall readline"},
     {"interrupted", "interrupted()",
-     "Asks the embedder whether the computation should stop and returns true or false. Loops ask the same question "
-     "once per iteration and stop with the error \"computation interrupted\".",
+     "Returns true when the user asked to stop the computation (Ctrl-C in the shell, the notebook's interrupt), else "
+     "false. Loops ask the same question on each round and stop with the error \"computation interrupted\".",
      "interrupted();", "status"},
     {"status", "status()",
-     "Reports the memory in use and allocated, in kilobytes, and the processor time in seconds through the status "
-     "callback, and returns NULL.",
+     "Shows the memory the kernel uses and holds, in kilobytes, and the processor time it took, in seconds, and "
+     "returns NULL.",
      "status();", "kernelopts"},
-    {"textcallback", "textcallback(_tag_, _s_)",
-     "Calls the text callback with exactly the integer _tag_ and the string _s_. A test hook.",
-     "textcallback(3, \"hello\");", "errorcallback statuscallback"},
-    {"errorcallback", "errorcallback(_offset_, _s_)",
-     "Calls the error callback with exactly the 64-bit _offset_ and the string _s_. A test hook.",
-     "errorcallback(-1, \"oops\");", "textcallback"},
-    {"statuscallback", "statuscallback(_a_, _b_, _c_)",
-     "Calls the status callback with exactly the integers _a_ and _b_ and the float _c_. A test hook.",
-     "statuscallback(1, 2, 3.5);", "status textcallback"},
-    {"pointer", "pointer(_n_)",
-     "Makes a pointer value holding the address _n_; pointer(0) holds the null pointer. A test hook.",
-     "pointer(4096);", "failalloc"},
-    {"failalloc", "failalloc(_n_)",
-     "Makes the _n_-th kernel memory allocation from now fail (1: the next one; 0 cancels). A test hook.",
-     "failalloc(1);", "pointer"},
     {"whattype", "whattype(_e_)", "Returns the name of the kind of _e_.", "whattype(1/2);", "nops"},
     {"knownnames", "knownnames() or knownnames(_prefix_)",
      "Returns the names the kernel knows, its built-ins and the names assigned so far, that start with the string "
      "_prefix_, as a sorted list of strings: what a front end offers to complete a name.",
      "knownnames(\"pr\");", "whattype"},
+    {"textcallback", "textcallback(_tag_, _s_)",
+     "Calls the text callback with exactly the integer _tag_ and the string _s_. A test hook.",
+     "textcallback(3, \"hello\");", "errorcallback statuscallback", true},
+    {"errorcallback", "errorcallback(_offset_, _s_)",
+     "Calls the error callback with exactly the 64-bit _offset_ and the string _s_. A test hook.",
+     "errorcallback(-1, \"oops\");", "textcallback", true},
+    {"statuscallback", "statuscallback(_a_, _b_, _c_)",
+     "Calls the status callback with exactly the integers _a_ and _b_ and the float _c_. A test hook.",
+     "statuscallback(1, 2, 3.5);", "status textcallback", true},
+    {"pointer", "pointer(_n_)",
+     "Makes a pointer value holding the address _n_; pointer(0) holds the null pointer. A test hook.",
+     "pointer(4096);", "failalloc", true},
+    {"failalloc", "failalloc(_n_)",
+     "Makes the _n_-th kernel memory allocation from now fail (1: the next one; 0 cancels). A test hook.",
+     "failalloc(1);", "pointer", true},
     {"attribute-test", "attribute-test",
      "This page carries the attribute code ~2~ once, for tests of an attribute that the embedder does not know.",
-     "none", "print"},
+     "none", "print", true},
 };
+
+// The index's "See Also": every topic but the index itself and the test hooks.
+const std::string &index_topics() {
+    static const std::string topics = [] {
+        std::string t;
+        for (const Page &p : kPages)
+            if (!p.hook && std::strcmp(p.topic, "index") != 0) t += std::string(t.empty() ? "" : " ") + p.topic;
+        return t;
+    }();
+    return topics;
+}
 
 struct Stop {};  // a callback asked to stop the output
 
@@ -274,7 +330,8 @@ const char *help(const char *topic, const char *section, VexelWriteCharFunc wc, 
         part("usage", "Usage", [&] { w.paragraph(page->usage); });
         part("info", "Description", [&] { w.paragraph(page->info); });
         part("examples", "Examples", [&] { w.paragraph(page->examples); });
-        part("seealso", "See Also", [&] { w.links(page->seealso); });
+        const char *seealso = std::strcmp(page->topic, "index") == 0 ? index_topics().c_str() : page->seealso;
+        part("seealso", "See Also", [&] { w.links(seealso); });
     } catch (Stop &) {
     }
     return nullptr;

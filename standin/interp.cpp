@@ -946,6 +946,14 @@ H call_function(H f, const std::vector<H> &args) {
             want_args(args, b->min_args, b->max_args, b->name);
             return b->run(args);
         }
+        // An elementary function of a float gives a float where the result is a real number;
+        // of anything else (an exact number, a name) it stays as it is.
+        if (args.size() == 1 && kind_of(args[0]) == Kind::Float) {
+            if (RealFunction fn = elementary(obj<NameObj>(f).name)) {
+                double y = fn(to_double(args[0]));
+                if (std::isfinite(y)) return mk_float(y);
+            }
+        }
     }
     std::vector<H> ops{f};
     ops.insert(ops.end(), args.begin(), args.end());

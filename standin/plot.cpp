@@ -12,17 +12,24 @@ namespace vx {
 namespace {
 
 constexpr int kSamples = 200;
-// The picture: its size, and the frame of the axes inside it.
+// The picture: its size, and the frame of the axes inside it. With several
+// curves the legend stands in rows above the frame, which moves down to make
+// room: inside the frame it would cover the curves.
 constexpr double kWidth = 560, kHeight = 360;
 constexpr double kLeft = 64, kRight = 540, kTop = 20, kBottom = 320;
+constexpr double kLegendRow = 18, kLegendSwatch = 22, kCharWidth = 7;
 const char *const kColours[] = {"#1f77b4", "#d62728", "#2ca02c", "#ff7f0e", "#9467bd", "#8c564b"};
 
 // The value of e at x = v, or NaN where it gives no real number: numbers,
-// the variable, + - * / ^ and the common functions of one argument.
+// Pi, the variable, + - * / ^ and the elementary functions.
 double value_at(H e, H x, double v) {
     stack_check();
     if (e == x) return v;
     switch (kind_of(e)) {
+        case Kind::Name: {
+            H f = evalf(e);  // Pi
+            return kind_of(f) == Kind::Float ? to_double(f) : NAN;
+        }
         case Kind::Int:
         case Kind::BigInt:
         case Kind::Rational:
@@ -50,15 +57,8 @@ double value_at(H e, H x, double v) {
             return std::pow(value_at(o[0], x, v), value_at(o[1], x, v));
         case Op::Call: {
             if (o.size() != 2 || kind_of(o[0]) != Kind::Name) return NAN;
-            static const std::pair<const char *, double (*)(double)> functions[] = {
-                {"sin", [](double a) { return std::sin(a); }},   {"cos", [](double a) { return std::cos(a); }},
-                {"tan", [](double a) { return std::tan(a); }},   {"exp", [](double a) { return std::exp(a); }},
-                {"ln", [](double a) { return std::log(a); }},    {"log", [](double a) { return std::log(a); }},
-                {"sqrt", [](double a) { return std::sqrt(a); }}, {"abs", [](double a) { return std::fabs(a); }},
-            };
-            for (auto &[n, f] : functions)
-                if (name_of(o[0]) == n) return f(value_at(o[1], x, v));
-            return NAN;
+            RealFunction f = elementary(name_of(o[0]));
+            return f ? f(value_at(o[1], x, v)) : NAN;
         }
         default:
             return NAN;
@@ -131,8 +131,24 @@ std::string svg(const std::vector<Curve> &curves, double a, double b) {
         lo -= 1;
         hi += 1;
     }
+    // The legend's entries, left to right, in as many rows as they need.
+    std::vector<std::pair<double, double>> entries;
+    double top = kTop;
+    if (curves.size() > 1) {
+        double x = kLeft, y = kLegendRow - 4;
+        for (auto &c : curves) {
+            double w = kLegendSwatch + 6 + kCharWidth * double(c.legend.size()) + 18;
+            if (x > kLeft && x + w > kRight) {
+                x = kLeft;
+                y += kLegendRow;
+            }
+            entries.emplace_back(x, y);
+            x += w;
+        }
+        top = y + kLegendRow - 4;
+    }
     auto sx = [&](double x) { return kLeft + (x - a) / (b - a) * (kRight - kLeft); };
-    auto sy = [&](double y) { return kBottom - (y - lo) / (hi - lo) * (kBottom - kTop); };
+    auto sy = [&](double y) { return kBottom - (y - lo) / (hi - lo) * (kBottom - top); };
     // No XML declaration: the document is ASCII (see escaped), and some readers refuse one in a string.
     std::string s = "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"" + num(kWidth) + "\" height=\"" +
                     num(kHeight) + "\" viewBox=\"0 0 " + num(kWidth) + " " + num(kHeight) +
@@ -143,10 +159,10 @@ std::string svg(const std::vector<Curve> &curves, double a, double b) {
         s += "<line class=\"zero\" x1=\"" + num(kLeft) + "\" y1=\"" + num(sy(0)) + "\" x2=\"" + num(kRight) +
              "\" y2=\"" + num(sy(0)) + "\" stroke=\"#bbbbbb\"/>\n";
     if (a < 0 && b > 0)
-        s += "<line class=\"zero\" x1=\"" + num(sx(0)) + "\" y1=\"" + num(kTop) + "\" x2=\"" + num(sx(0)) +
+        s += "<line class=\"zero\" x1=\"" + num(sx(0)) + "\" y1=\"" + num(top) + "\" x2=\"" + num(sx(0)) +
              "\" y2=\"" + num(kBottom) + "\" stroke=\"#bbbbbb\"/>\n";
-    s += "<rect class=\"axes\" x=\"" + num(kLeft) + "\" y=\"" + num(kTop) + "\" width=\"" + num(kRight - kLeft) +
-         "\" height=\"" + num(kBottom - kTop) + "\" fill=\"none\" stroke=\"black\"/>\n";
+    s += "<rect class=\"axes\" x=\"" + num(kLeft) + "\" y=\"" + num(top) + "\" width=\"" + num(kRight - kLeft) +
+         "\" height=\"" + num(kBottom - top) + "\" fill=\"none\" stroke=\"black\"/>\n";
     for (double t : ticks(a, b))
         s += "<line x1=\"" + num(sx(t)) + "\" y1=\"" + num(kBottom) + "\" x2=\"" + num(sx(t)) + "\" y2=\"" +
              num(kBottom + 5) + "\" stroke=\"black\"/><text x=\"" + num(sx(t)) + "\" y=\"" + num(kBottom + 18) +
@@ -164,10 +180,10 @@ std::string svg(const std::vector<Curve> &curves, double a, double b) {
     if (curves.size() > 1) {
         s += "<g class=\"legend\">\n";
         for (size_t i = 0; i < curves.size(); ++i) {
-            double y = kTop + 16 + 18 * double(i);
-            s += "<line x1=\"" + num(kRight - 150) + "\" y1=\"" + num(y - 4) + "\" x2=\"" + num(kRight - 128) +
+            auto [x, y] = entries[i];
+            s += "<line x1=\"" + num(x) + "\" y1=\"" + num(y - 4) + "\" x2=\"" + num(x + kLegendSwatch) +
                  "\" y2=\"" + num(y - 4) + "\" stroke-width=\"2\" stroke=\"" + kColours[i % 6] + "\"/><text x=\"" +
-                 num(kRight - 122) + "\" y=\"" + num(y) + "\">" + escaped(curves[i].legend) + "</text>\n";
+                 num(x + kLegendSwatch + 6) + "\" y=\"" + num(y) + "\">" + escaped(curves[i].legend) + "</text>\n";
         }
         s += "</g>\n";
     }

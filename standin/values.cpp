@@ -625,9 +625,28 @@ static H rebuild(Op op, const std::vector<H> &ops) {
     }
 }
 
+RealFunction elementary(const std::string &name) {
+    static const std::pair<const char *, RealFunction> functions[] = {
+        {"sin", [](double a) { return std::sin(a); }},       {"cos", [](double a) { return std::cos(a); }},
+        {"tan", [](double a) { return std::tan(a); }},       {"arcsin", [](double a) { return std::asin(a); }},
+        {"arccos", [](double a) { return std::acos(a); }},   {"arctan", [](double a) { return std::atan(a); }},
+        {"sinh", [](double a) { return std::sinh(a); }},     {"cosh", [](double a) { return std::cosh(a); }},
+        {"tanh", [](double a) { return std::tanh(a); }},     {"exp", [](double a) { return std::exp(a); }},
+        {"ln", [](double a) { return std::log(a); }},        {"log", [](double a) { return std::log(a); }},
+        {"sqrt", [](double a) { return std::sqrt(a); }},     {"abs", [](double a) { return std::fabs(a); }},
+    };
+    for (auto &[n, f] : functions)
+        if (name == n) return f;
+    return nullptr;
+}
+
 H evalf(H h) {
     stack_check();
     switch (kind_of(h)) {
+        case Kind::Name:
+            // Pi is the one constant the kernel knows; an assigned Pi is the user's.
+            if (h == global_name("Pi") && !obj<NameObj>(h).value) return mk_float(M_PI);
+            return h;
         case Kind::Int:
         case Kind::BigInt:
         case Kind::Rational:
@@ -646,6 +665,11 @@ H evalf(H h) {
         case Kind::Expr: {
             auto &e = obj<ExprObj>(h);
             Op op = e.op;
+            if (op == Op::Call && e.ops.size() == 2 && kind_of(e.ops[0]) == Kind::Name &&
+                elementary(name_of(e.ops[0]))) {
+                H f = e.ops[0];
+                return call_function(f, {evalf(e.ops[1])});
+            }
             if (op == Op::Call || op == Op::Index || op == Op::Uneval) return h;
             auto ops = e.ops;
             for (H &x : ops) x = evalf(x);

@@ -23,7 +23,12 @@ readme_example() {
 readme_example 1 Example
 readme_example 2 CallExample
 readme_example 1 PoolExample "Isolated kernels and pools"
-(cd "$work/app" && javac -cp ambrix.jar Example.java CallExample.java PoolExample.java)
+# The README's Slurm program, which needs a cluster to run, compiles, and is
+# the example's SlurmPool word for word (the package line aside).
+readme_example 1 SlurmPool "Beyond one machine"
+diff -u <(sed '1,/^import /{/^import /!d}' "$src/examples/src/com/quorbit/ambrix/examples/SlurmPool.java") \
+  "$work/app/SlurmPool.java"
+(cd "$work/app" && javac -cp ambrix.jar Example.java CallExample.java PoolExample.java SlurmPool.java)
 
 failures=0
 # has_lines TEXT FILE: every line of TEXT is somewhere in FILE.

@@ -33,8 +33,11 @@ if (($#)); then
     exit
 fi
 /usr/bin/python3 -m unittest -v test_kernel test_client test_hostile test_lexer 2>&1 | tee "$work/unittest.log"
+# Every cell of the example carries its id, as its format (4.5) asks: nbconvert warns of none.
 /usr/bin/jupyter nbconvert --to notebook --execute --ExecutePreprocessor.timeout=60 \
-  --output-dir "$work" --output executed "$src/examples/vexel-tour.ipynb"
+  --output-dir "$work" --output executed "$src/examples/vexel-tour.ipynb" 2>"$work/nbconvert.log" \
+  || { cat "$work/nbconvert.log"; exit 1; }
+if grep Warning "$work/nbconvert.log"; then echo "FAILED: nbconvert warned on the example notebook"; exit 1; fi
 /usr/bin/python3 "$src/tests/jupyter/check_notebook.py" "$work/executed.ipynb"
 # Reopened through a notebook server, never trusted here: its plot still shows as a picture.
 /usr/bin/python3 "$src/tests/jupyter/check_untrusted.py" "$work/executed.ipynb"

@@ -1,6 +1,8 @@
 // Help output: attributes, wrapping, early stop, unknown topics.
 #include "support.hpp"
 
+#include <algorithm>
+
 using namespace standin_test;
 
 namespace {
@@ -79,6 +81,43 @@ TEST_F(Help, UnknownTopicOrSection) {
     EXPECT_EQ(help("print", "history"), "unknown help section history");
     EXPECT_TRUE(out.text.empty());
     EXPECT_TRUE(rec.errors().empty());
+}
+
+// The plain text of the last page, its attributes dropped.
+std::string plain(const std::string &text) {
+    std::string p;
+    for (size_t i = 0; i < text.size(); ++i) {
+        if (text[i] == '<') i = text.find('>', i);
+        else p += text[i];
+    }
+    return p;
+}
+
+TEST_F(Help, TheIndexSaysWhatTheKernelComputesAndListsEveryTopicForUsers) {
+    EXPECT_EQ(help("index", "info"), "");
+    std::string info = plain(out.text);
+    for (const char *said : {"stand-in", "takes its place by name", "int(x^2, x)", "unevaluated", "evalf(Pi)"})
+        EXPECT_NE(info.find(said), std::string::npos) << said << " in " << info;
+    EXPECT_EQ(help("index", "seealso"), "");
+    std::string list = plain(out.text).substr(std::string("See Also\n").size());
+    std::vector<std::string> topics;
+    for (size_t start = 0; start < list.size();) {
+        size_t end = list.find_first_of(", \n", start);
+        if (end > start) topics.push_back(list.substr(start, end - start));
+        start = end + 1;
+    }
+    for (const char *topic : {"print", "sin", "Pi", "plot", "evalf", "Array", "readline"})
+        EXPECT_NE(std::find(topics.begin(), topics.end(), topic), topics.end()) << topic;
+    for (const char *hook : {"index", "failalloc", "textcallback", "attribute-test"})
+        EXPECT_EQ(std::find(topics.begin(), topics.end(), hook), topics.end()) << hook;
+    // Each listed page exists, and speaks of what a statement does, not of the kernel's interface.
+    for (const std::string &topic : topics) {
+        EXPECT_EQ(help(topic.c_str(), ""), "") << topic;
+        std::string page = plain(out.text);
+        if (topic == "callback" || topic == "streamcall") continue;  // their own names
+        for (const char *internal : {"callback", "tag ", "embedder"})
+            EXPECT_EQ(page.find(internal), std::string::npos) << "?" << topic << " speaks of " << internal;
+    }
 }
 
 TEST_F(Help, AttributeTestRaisesThroughTheOperation) {

@@ -70,6 +70,15 @@ TEST_F(Language, PrintedForms) {
         {"a, b := 1, 2: a + b", "3"},
         {"u := 5: u := 'u': u", "u"},
         {"kernelopts(version)", "\"Vexel stand-in kernel 1.0\""},
+        // Elementary functions of a float, and evalf of Pi; symbolic work stays as typed.
+        {"sin(1.0), sin(1), sin(x)", "0.8414709848078965, sin(1), sin(x)"},
+        {"evalf(sin(1)), evalf(Pi), Pi, evalf(2*Pi)", "0.8414709848078965, 3.141592653589793, Pi, 6.283185307179586"},
+        {"exp(0.0), ln(1.0), sqrt(4.0), abs(-1.5), 4*arctan(1.0)", "1.0, 0.0, 2.0, 1.5, 3.141592653589793"},
+        {"cos(0.0), tan(0.0), arcsin(1.0)*2, arccos(1.0), sinh(0.0), cosh(0.0), tanh(0.0), log(1.0)",
+         "1.0, 0.0, 3.141592653589793, 0.0, 0.0, 1.0, 0.0, 0.0"},
+        {"sqrt(-4.0), ln(0.0), sin(1.0, 2.0)", "sqrt(-4.0), ln(0.0), sin(1.0, 2.0)"},
+        {"int(x^2, x), diff(sin(x)*x, x), expand((x+1)^3)", "int(x^2, x), diff(sin(x)*x, x), expand((x+1)^3)"},
+        {"f := t -> exp(t): f(1.0), f(1)", "2.718281828459045, exp(1)"},
         {"quit", "quit"},
     };
     for (auto &[stmt, want] : cases) {

@@ -145,6 +145,43 @@ TEST_F(Typeset, PlotSendsOneStandaloneSvgAndReturnsNull) {
     EXPECT_EQ(error_count(), 0u);
 }
 
+// The y coordinates given by attribute name="..." in an SVG document's elements of one tag.
+std::vector<double> ys(const std::string &svg, const std::string &tag, const std::string &name) {
+    std::vector<double> out;
+    for (size_t at = svg.find("<" + tag + " "); at != std::string::npos; at = svg.find("<" + tag + " ", at + 1)) {
+        size_t end = svg.find('>', at);
+        size_t attr = svg.find(" " + name + "=\"", at);
+        if (attr == std::string::npos || attr > end) continue;
+        if (name == "points") {
+            std::string points = svg.substr(attr + 9, svg.find('"', attr + 9) - attr - 9);
+            for (size_t comma = points.find(','); comma != std::string::npos; comma = points.find(',', comma + 1))
+                out.push_back(std::stod(points.substr(comma + 1)));
+        } else {
+            out.push_back(std::stod(svg.substr(attr + name.size() + 3)));
+        }
+    }
+    return out;
+}
+
+TEST_F(Typeset, PlotLegendStandsAboveTheCurves) {
+    // Pi in the range, and sin and cos sampled: both curves reach the top of their range.
+    EXPECT_EQ(printed("plot([sin(x), cos(x), x/10], x = 0..2*Pi);"), "");
+    ASSERT_EQ(rec.of("stream").size(), 1u) << last_error();
+    const std::string svg = rec.of("stream")[0].args[0];
+    std::vector<double> frame = ys(svg, "rect class=\"axes\"", "y");
+    ASSERT_EQ(frame.size(), 1u);
+    std::vector<double> curves = ys(svg, "polyline", "points");
+    EXPECT_EQ(curves.size(), 3u * 201u);
+    for (double y : curves) EXPECT_GE(y, frame[0]);
+    size_t legends = 0;
+    for (size_t at = svg.find("class=\"legend\""); at != std::string::npos && legends < 3; ++legends) {
+        at = svg.find("<text ", at + 1);
+        double y = std::stod(svg.substr(svg.find(" y=\"", at) + 4));
+        EXPECT_LT(y, frame[0]) << "a legend entry inside the frame";
+    }
+    EXPECT_EQ(legends, 3u);
+}
+
 TEST_F(Typeset, PlotRefusesBadRangesAndExpressionsWithoutNumbers) {
     const char *bad[][2] = {
         {"plot(x, x = 1..0);", "the range must be"},

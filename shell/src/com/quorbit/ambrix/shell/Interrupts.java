@@ -16,23 +16,28 @@ import java.util.concurrent.atomic.AtomicInteger;
  * interrupted" at its next interrupt query. A flag is set as well, which
  * help output reads. If the kernel does not ask (a long computation without
  * a loop), the third Ctrl-C in a row ends the program. With the kernel in
- * a worker process ({@code --isolated}), the second Ctrl-C within the
- * grace time kills and replaces the kernel instead.
+ * a worker process ({@code --isolated}), a second Ctrl-C while the statement
+ * still runs kills and replaces the kernel instead. When the statement has
+ * not stopped a moment after the first Ctrl-C, a hint on standard error
+ * says what more Ctrl-C will do.
  * </ul>
  */
 final class Interrupts {
     enum Mode { PROMPT, RUNNING, READING }
 
     private static final int PRESSES_TO_EXIT = 3;
+    /** How long after the first Ctrl-C a statement that still runs gets the hint. */
+    private static final long HINT_DELAY_MILLIS = 500;
 
     private volatile LineInput input;
     /** Asks the running statement to end: the engine's interrupt, or the isolated session's. */
     private volatile Runnable interrupter;
     /** With an isolated kernel: kills and replaces it. */
     private volatile Runnable killer;
-    private volatile long graceNanos;
-    /** When the last Ctrl-C during this statement came; 0 for none. */
-    private volatile long lastPress;
+    /** Whether a Ctrl-C came during this statement. */
+    private volatile boolean pressed;
+    /** Counts the statements run, so that a late hint knows its own statement ended. */
+    private final AtomicInteger statements = new AtomicInteger();
     private final AtomicBoolean requested = new AtomicBoolean();
     private final AtomicInteger unanswered = new AtomicInteger();
     private volatile Mode mode = Mode.PROMPT;
@@ -52,12 +57,11 @@ final class Interrupts {
 
     /**
      * A kernel in a worker process: Ctrl-C interrupts it, and a second
-     * Ctrl-C within the grace time kills and replaces it.
+     * Ctrl-C while the statement still runs kills and replaces it.
      */
-    void setIsolated(Runnable interrupt, Runnable kill, java.time.Duration grace) {
+    void setIsolated(Runnable interrupt, Runnable kill) {
         this.interrupter = interrupt;
         this.killer = kill;
-        this.graceNanos = grace.toNanos();
     }
 
     /** Installs the handler of SIGINT; false when the JVM does not allow it. */
@@ -90,14 +94,17 @@ final class Interrupts {
             case RUNNING -> {
                 echoed = true;
                 requested.set(true);
-                long now = System.nanoTime();
                 Runnable kill = killer;
-                if (kill != null && lastPress != 0 && now - lastPress < graceNanos) {
-                    lastPress = 0;
+                if (kill != null && pressed) {
+                    pressed = false;
                     kill.run();
                     return;
                 }
-                lastPress = now;
+                if (!pressed) {
+                    pressed = true;
+                    hintLater(kill == null ? "vexel: the kernel has not stopped yet; Ctrl-C twice more ends the shell"
+                            : "vexel: the kernel has not stopped yet; Ctrl-C again kills it (definitions are lost)");
+                }
                 Runnable interrupt = interrupter;
                 try {
                     if (interrupt != null) {
@@ -116,6 +123,31 @@ final class Interrupts {
         }
     }
 
+    /**
+     * Prints the hint on standard error, on a line of its own, if the
+     * statement of this moment still runs a moment from now.
+     */
+    private void hintLater(String hint) {
+        int statement = statements.get();
+        Thread t = new Thread(() -> {
+            try {
+                Thread.sleep(HINT_DELAY_MILLIS);
+            } catch (InterruptedException e) {
+                return;
+            }
+            if (mode == Mode.RUNNING && statements.get() == statement && pressed) {
+                System.out.flush();
+                if (echoed && System.console() != null) {
+                    echoed = false;
+                    System.err.println(); // after the "^C" that the terminal echoed
+                }
+                System.err.println(hint);
+            }
+        }, "vexel-interrupt-hint");
+        t.setDaemon(true);
+        t.start();
+    }
+
     /** The answer to the kernel's interrupt query; clears the request. */
     boolean poll() {
         unanswered.set(0);
@@ -125,8 +157,9 @@ final class Interrupts {
     /** Enters a mode; entering {@link Mode#RUNNING} forgets old requests. */
     void enter(Mode m) {
         if (m == Mode.RUNNING && mode == Mode.PROMPT) {
+            statements.incrementAndGet();
             echoed = false;
-            lastPress = 0;
+            pressed = false;
             requested.set(false);
             unanswered.set(0);
         }

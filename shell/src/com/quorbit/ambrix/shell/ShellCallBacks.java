@@ -100,9 +100,7 @@ final class ShellCallBacks extends EngineCallBacksDefault {
     void reportError(String message, int offset) {
         errors++;
         sink.flush();
-        if (interrupts.takeEchoed() && System.console() != null) {
-            terminal.println(); // after the "^C" that the terminal echoed
-        }
+        newLineAfterEcho(terminal);
         String text = statement;
         boolean located = offset >= 0 && offset <= text.length();
         String where = "";
@@ -113,6 +111,13 @@ final class ShellCallBacks extends EngineCallBacksDefault {
         terminal.println(where + "Error, " + message);
         StatementScanner.caretLines(text, offset).forEach(terminal::println);
         terminal.flush();
+    }
+
+    /** Ends the line of a "^C" that the terminal echoed during a kernel call, so that a message starts a line. */
+    void newLineAfterEcho(PrintStream where) {
+        if (interrupts.takeEchoed() && System.console() != null) {
+            where.println();
+        }
     }
 
     @Override

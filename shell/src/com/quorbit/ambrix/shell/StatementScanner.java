@@ -15,7 +15,10 @@ import java.util.regex.Pattern;
  * {@code end if}, {@code end do}), {@code fi} or {@code od}. So a {@code ;} inside a procedure body does
  * not end the input. Unbalanced closers count as depth 0, so that a stray
  * {@code end} or {@code )} still lets the statement through to the kernel,
- * which reports it.
+ * which reports it. For the same reason a terminator at the end of a line
+ * inside an open bracket (not inside a block in it) ends the statement, as
+ * in {@code x := (1 + ;}: the kernel reports the syntax error at once, where
+ * waiting for the bracket to close would swallow every later line.
  */
 public final class StatementScanner {
     /** One complete statement and the input line it starts on (from 1). */
@@ -173,6 +176,8 @@ public final class StatementScanner {
         int start = 0;
         int brackets = 0;
         int blocks = 0;
+        // The brackets and blocks open here, innermost last: '(' for a bracket, 'b' for a block.
+        StringBuilder open = new StringBuilder();
         boolean afterEnd = false; // the previous word was "end"
         int i = 0;
         while (i < n) {
@@ -196,10 +201,12 @@ public final class StatementScanner {
                 if (word.equals("end") || word.equals("fi") || word.equals("od")) {
                     unbalanced |= blocks == 0;
                     blocks = Math.max(0, blocks - 1);
+                    close(open, 'b');
                     afterEnd = word.equals("end");
                 } else {
                     if (!afterEnd && (word.equals("proc") || word.equals("if") || word.equals("do"))) {
                         blocks++;
+                        open.append('b');
                     }
                     afterEnd = false;
                 }
@@ -220,17 +227,25 @@ public final class StatementScanner {
                 afterEnd = false;
             }
             switch (c) {
-                case '(', '[', '{' -> brackets++;
+                case '(', '[', '{' -> {
+                    brackets++;
+                    open.append('(');
+                }
                 case ')', ']', '}' -> {
                     unbalanced |= brackets == 0;
                     brackets = Math.max(0, brackets - 1);
+                    close(open, '(');
                 }
                 case ';', ':' -> {
                     boolean assignment = c == ':' && i + 1 < n
                             && (text.charAt(i + 1) == '=' || text.charAt(i + 1) == ':');
+                    boolean inBracket = open.length() > 0 && open.charAt(open.length() - 1) == '(';
                     if (assignment) {
                         i++; // skip the second character of := or ::
-                    } else if (brackets == 0 && blocks == 0) {
+                    } else if (brackets == 0 && blocks == 0 || inBracket && endsLine(text, i + 1)) {
+                        brackets = 0;
+                        blocks = 0;
+                        open.setLength(0);
                         Statement s = statement(start, i + 1);
                         if (s != null) {
                             done.add(s);
@@ -251,6 +266,22 @@ public final class StatementScanner {
             pending.setLength(0);
         }
         return done;
+    }
+
+    /** Closes the innermost open construct of a kind ('(' or 'b'), and any left open inside it. */
+    private static void close(StringBuilder open, char kind) {
+        int at = open.lastIndexOf(String.valueOf(kind));
+        if (at >= 0) {
+            open.setLength(at);
+        }
+    }
+
+    /** True when only blanks, or blanks and a comment, follow position i on its line. */
+    private static boolean endsLine(String text, int i) {
+        while (i < text.length() && (text.charAt(i) == ' ' || text.charAt(i) == '\t' || text.charAt(i) == '\r')) {
+            i++;
+        }
+        return i == text.length() || text.charAt(i) == '\n' || text.charAt(i) == '#';
     }
 
     /** The statement text[from, to) with leading white space removed, or null if that is all it has. */

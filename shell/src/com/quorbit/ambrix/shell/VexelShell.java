@@ -33,8 +33,12 @@ import java.util.regex.Pattern;
  * ({@code -q} for no banner, {@code --gcthreshold=N}); {@code --} ends them.
  * {@code --version} prints the versions of ambrix and of the kernel.
  * Without files the shell reads statements from standard input, prompting
- * when it is a terminal. With files it runs their statements in order,
- * without the banner.
+ * when it is a terminal. With files it runs their statements in order.
+ *
+ * <p>The banner follows one rule, with the kernel in process or isolated:
+ * it is shown when the shell reads a terminal, never for files or input
+ * from a pipe, and never with {@code -q}. The shell prints it (the kernel
+ * always starts quiet), so both modes show the same one.
  *
  * <p>The exit status: reading anything but a terminal (files, or standard
  * input from a pipe or a file), the shell exits with status 1 if any
@@ -123,11 +127,12 @@ public final class VexelShell {
                 return 2;
             }
         }
-        if (!sources.isEmpty() && !kernelArgs.contains("-q")) {
-            // A script's output is its own: no banner.
+        boolean terminal = sources.isEmpty() && System.console() != null;
+        boolean banner = terminal && !kernelArgs.contains("-q");
+        if (!kernelArgs.contains("-q")) {
+            // The shell shows its own banner, in both modes alike: the kernel starts quiet.
             kernelArgs.add(0, "-q");
         }
-        boolean terminal = sources.isEmpty() && System.console() != null;
         input = terminal ? openTerminal() : null;
         if (input == null) {
             input = new InputLines(System.in);
@@ -152,6 +157,9 @@ public final class VexelShell {
         }
         int status;
         try {
+            if (banner) {
+                banner();
+            }
             status = sources.isEmpty() ? interactive(terminal) : runFiles(sources);
         } finally {
             try {
@@ -177,7 +185,7 @@ public final class VexelShell {
         pool = EnginePool.builder().workers(1).kernelArguments(kernelArgs.toArray(new String[0])).graceTime(grace)
                 .build();
         session = pool.session();
-        interrupts.setIsolated(() -> session.interrupt(), () -> session.kill(), grace);
+        interrupts.setIsolated(() -> session.interrupt(), () -> session.kill());
     }
 
     /** A statement in the worker: its output, then its value, as the kernel would print them here. */
@@ -191,6 +199,7 @@ public final class VexelShell {
             }
         } catch (WorkerLostException e) {
             out.flush();
+            callbacks.newLineAfterEcho(System.err);
             System.err.println("kernel process ended: " + e.reason() + "; a new kernel was started"
                     + " (definitions are lost)");
             callbacks.countFailure();
@@ -356,13 +365,49 @@ public final class VexelShell {
         }
     }
 
-    /** Shows help on a topic; levels 1, 2, 3 are all sections, usage, examples. */
+    /**
+     * The banner: the kernel's name and version, and how to go on. The same
+     * with the kernel in process and in a worker.
+     */
+    private void banner() {
+        String ambrix = Engine.class.getPackage().getImplementationVersion();
+        String kernel = "Vexel";
+        try {
+            Algebraic here = session != null ? null : engine.evaluate(VERSION_QUERY);
+            Object v = session != null ? session.evaluate(VERSION_QUERY).value() : here == null ? null : here.toJava();
+            if (v instanceof String name && !name.isEmpty()) {
+                kernel = name;
+            }
+        } catch (VexelException e) {
+            // a kernel without a version: its plain name
+        }
+        out.println(kernel + ", in the Vexel shell of ambrix " + (ambrix == null ? "(unknown version)" : ambrix));
+        out.println("A statement ends with ; (its value is printed) or : (silent). ? lists the help topics;"
+                + " quit leaves.");
+        out.flush();
+    }
+
+    private static final String VERSION_QUERY = "kernelopts(version):";
+    /** The kernel's help page that lists its topics. */
+    private static final String INDEX_TOPIC = "index";
+
+    /**
+     * Shows help on a topic; levels 1, 2, 3 are all sections, usage,
+     * examples. No topic shows how to use the shell, then the kernel's index
+     * of topics.
+     */
     private void help(String topic, int level) {
         if (topic.isEmpty()) {
             usage(out);
+            out.println();
+            helpPage(INDEX_TOPIC, Engine.VEXEL_HELP_ALL, true);
             return;
         }
-        int section = StatementScanner.HelpLine.section(level);
+        helpPage(topic, StatementScanner.HelpLine.section(level), false);
+    }
+
+    /** Prints a help page; a missing one says so, unless it is to be left out quietly. */
+    private void helpPage(String topic, int section, boolean quietlyMissing) {
         boolean ansi = System.console() != null && System.getenv("NO_COLOR") == null;
         HelpPrinter printer = new HelpPrinter(out, ansi, interrupts);
         interrupts.enter(Interrupts.Mode.RUNNING);
@@ -374,7 +419,10 @@ public final class VexelShell {
             }
         } catch (VexelException e) {
             printer.finish();
-            out.println(e.getMessage());
+            if (!quietlyMissing) {
+                boolean missing = e.getMessage() != null && e.getMessage().startsWith("no help for");
+                out.println(e.getMessage() + (missing ? " (? lists the topics)" : ""));
+            }
         } finally {
             printer.finish();
             interrupts.enter(Interrupts.Mode.PROMPT);
@@ -389,7 +437,7 @@ public final class VexelShell {
         try {
             Engine e = new Engine(new String[] {"-q"}, new com.quorbit.ambrix.EngineCallBacksDefault(), null);
             try {
-                Algebraic v = e.evaluate("kernelopts(version):");
+                Algebraic v = e.evaluate(VERSION_QUERY);
                 out.println("kernel: " + (v == null ? "(no version)" : v.toJava()));
             } finally {
                 e.stop();
@@ -410,7 +458,7 @@ public final class VexelShell {
         out.println("  Ctrl-C     stop the running statement");
         out.println("  quit       leave (also done, stop, or the end of input)");
         out.println();
-        out.println("  Kernel options: -q (no banner), --gcthreshold=N.");
+        out.println("  Kernel options: -q (no banner), --gcthreshold=N. The banner shows only at a terminal.");
         out.println("  --isolated runs the kernel in a worker process, which a crash cannot take down.");
         out.println("  With files, runs their statements and exits.");
         out.println("  Reading files or a pipe, the exit status is 1 if any statement failed.");
