@@ -66,6 +66,8 @@ int main(int argc, char **argv) {
              index[0] = 1 + i % 100;
              sink += int64_t(RTableSelect(kv, table, index).float64);
          })},
+        // The kernel index block that each element access takes.
+        {"VexelAlloc (8 bytes)", per_call(n, [&](long) { sink += reinterpret_cast<intptr_t>(VexelAlloc(kv, 8)); })},
         {"RTableAssign", per_call(n, [&](long i) {
              index[0] = 1 + i % 100;
              e.float64 = double(i);

@@ -1,8 +1,10 @@
 package com.quorbit.ambrix;
 
+import java.lang.ref.WeakReference;
 import java.nio.ByteBuffer;
 import java.nio.ByteOrder;
 import java.nio.LongBuffer;
+import java.util.Arrays;
 import java.util.Iterator;
 import java.util.WeakHashMap;
 
@@ -22,14 +24,45 @@ import java.util.WeakHashMap;
  *     wrapper (handle 0) cannot be registered again.
  * <li>A disposed entry in the store is skipped and dropped by the pass.
  * </ul>
+ *
+ * <p>The pass walks a dense list of the registered wrappers kept beside the
+ * map, not the map: a WeakHashMap's table never shrinks, so a walk of it
+ * costs what the store once held (a loop over a million values leaves a
+ * table of two million buckets, walked at every collection after), where
+ * the list costs what it holds. When the map holds a key the list lacks
+ * (one put there by other means), or still counts keys Java has cleared,
+ * the pass walks the map as well.
  */
 final class LiveStore {
     /** The engine's store, and the address of the engine's record it serves. */
     private static volatile WeakHashMap<Object, Object> store;
     private static volatile long engineID;
 
-    /** Wrappers withdrawn since the last mark pass. Guarded by the store's monitor. */
-    private static final WeakHashMap<Object, Object> withdrawn = new WeakHashMap<>();
+    /**
+     * The registered wrappers, each once, in the first {@code count} places:
+     * each entry is also the value the map keeps for its wrapper. Guarded by
+     * the store's monitor.
+     */
+    private static Entry[] entries = new Entry[64];
+    private static int count;
+
+    /** A registered wrapper, weakly, and its place in the list. */
+    private static final class Entry extends WeakReference<Algebraic> {
+        int index;
+
+        Entry(Algebraic wrapper, int index) {
+            super(wrapper);
+            this.index = index;
+        }
+    }
+
+    /**
+     * Wrappers withdrawn since the last mark pass, and the most it held since
+     * it was made: once emptied after many, it is made anew, since its table
+     * would not shrink either. Guarded by the store's monitor.
+     */
+    private static WeakHashMap<Object, Object> withdrawn = new WeakHashMap<>();
+    private static int withdrawnPeak;
 
     /**
      * The pass's room for handles, sized ahead for every registered wrapper:
@@ -85,7 +118,9 @@ final class LiveStore {
                 return DISPOSED;
             }
             withdrawn.remove(wrapper);
-            put(s, wrapper);
+            if (!(s.get(wrapper) instanceof Entry)) {
+                put(s, wrapper);
+            }
         }
         return REGISTERED;
     }
@@ -96,10 +131,23 @@ final class LiveStore {
         return s != null && wrapper.kernelID == engineID ? s : null;
     }
 
-    /** Puts the wrapper in the store, with the room its pass needs made first. Under the monitor. */
+    /**
+     * Puts the wrapper, not yet registered, in the store and the list, with
+     * the room its pass needs made first. Under the monitor.
+     */
     private static void put(WeakHashMap<Object, Object> s, Algebraic wrapper) {
-        reserve(s.size() + 1);
-        s.put(wrapper, Boolean.TRUE);
+        reserve(count + 1);
+        Entry entry = new Entry(wrapper, count);
+        s.put(wrapper, entry);
+        entries[count++] = entry;
+    }
+
+    /** Takes the entry at this place out of the list. Under the monitor. */
+    private static void drop(int index) {
+        Entry last = entries[--count];
+        entries[index] = last;
+        last.index = index;
+        entries[count] = null;
     }
 
     /** {@link Algebraic#removeFromLiveAlgebStore()}: false when the wrapper is not of the running engine. */
@@ -109,15 +157,28 @@ final class LiveStore {
             return false;
         }
         synchronized (s) {
-            if (s.remove(wrapper) != null) {
-                withdrawn.put(wrapper, Boolean.TRUE);
+            Object entry = s.remove(wrapper);
+            if (entry == null) {
+                return true;
             }
+            if (entry instanceof Entry e && entries[e.index] == e) {
+                drop(e.index);
+            }
+            if (withdrawn.isEmpty() && withdrawnPeak > 1024) {
+                withdrawn = new WeakHashMap<>();
+                withdrawnPeak = 0;
+            }
+            withdrawn.put(wrapper, Boolean.TRUE);
+            withdrawnPeak = Math.max(withdrawnPeak, withdrawn.size());
         }
         return true;
     }
 
-    /** Room for this many handles and their count. */
+    /** Room in the list for this many wrappers, and for their handles and count. */
     private static void reserve(int wrappers) {
+        if (entries.length < wrappers) {
+            entries = Arrays.copyOf(entries, Math.max(wrappers, 2 * entries.length));
+        }
         if (room.capacity() < wrappers + 1) {
             room = newRoom(Math.max(wrappers + 1, 2 * room.capacity()));
         }
@@ -135,10 +196,37 @@ final class LiveStore {
      * ascending order).
      */
     static LongBuffer mark(WeakHashMap<Object, Object> store) {
-        for (Object wrapper : withdrawn.keySet()) {
-            ((Algebraic) wrapper).dag = 0;
+        if (!withdrawn.isEmpty()) {
+            for (Object wrapper : withdrawn.keySet()) {
+                ((Algebraic) wrapper).dag = 0;
+            }
+            withdrawn.clear();
         }
-        withdrawn.clear();
+        LongBuffer handles = room;
+        int n = 0;
+        for (int i = 0; i < count;) {
+            Algebraic wrapper = entries[i].get();
+            long dag = wrapper == null ? 0 : wrapper.dag;
+            if (dag == 0) {
+                // Cleared by Java (the map drops it by itself), or disposed.
+                if (wrapper != null) {
+                    store.remove(wrapper);
+                }
+                drop(i);
+                continue;
+            }
+            handles.put(1 + n++, dag);
+            i++;
+        }
+        if (store.size() != n) {
+            return markAll(store);
+        }
+        handles.put(0, n);
+        return handles;
+    }
+
+    /** The pass over the map itself, which holds every registered wrapper. */
+    private static LongBuffer markAll(WeakHashMap<Object, Object> store) {
         LongBuffer handles = room;
         int n = 0;
         for (Iterator<Object> it = store.keySet().iterator(); it.hasNext();) {
@@ -167,6 +255,8 @@ final class LiveStore {
             ((Algebraic) wrapper).dag = 0;
         }
         store.clear();
+        Arrays.fill(entries, 0, count, null);
+        count = 0;
         for (Object wrapper : withdrawn.keySet()) {
             ((Algebraic) wrapper).dag = 0;
         }

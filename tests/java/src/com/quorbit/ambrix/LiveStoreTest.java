@@ -75,6 +75,48 @@ class LiveStoreTest {
         assertTrue(after < before + 100, "before " + before + ", after " + after);
     }
 
+    /**
+     * Wrappers that Java drops, withdrawn ones and ones registered again, in
+     * one store over several collections: each held one keeps its value, each
+     * withdrawn one loses its handle, whatever the others did before it.
+     */
+    @Test
+    void heldWrappersKeepTheirValuesWhileOthersComeAndGo() throws InterruptedException {
+        int n = 3000;
+        Algebraic[] values = ((List) eval("[seq([i], i = 1.." + n + ")]:")).toArray();
+        WeakReference<Algebraic> dropped = null;
+        for (int round = 0; round < 6; round++) {
+            for (int i = round; i < n; i += 6) {
+                switch (i % 3) {
+                    case 0 -> {
+                        dropped = new WeakReference<>(values[i]);
+                        values[i] = null;
+                    }
+                    case 1 -> values[i].removeFromLiveAlgebStore();
+                    default -> {
+                        values[i].removeFromLiveAlgebStore();
+                        values[i].addToLiveAlgebStore();
+                    }
+                }
+            }
+            for (int i = 0; i < 100 && dropped.get() != null; i++) {
+                System.gc();
+                Thread.sleep(10);
+            }
+            assertNull(dropped.get(), "Java did not collect the wrappers");
+            collect();
+            for (int i = 0; i < n; i++) {
+                if (values[i] == null) continue;
+                boolean withdrawn = i % 3 == 1 && i % 6 <= round;
+                if (withdrawn) {
+                    assertVexel("this Algebraic has been disposed", values[i]::toString);
+                } else {
+                    assertEquals("[" + (i + 1) + "]", values[i].toString());
+                }
+            }
+        }
+    }
+
     @Test
     void aDisposedEntryIsSkippedAndDropped() {
         Algebraic broken = eval("[\"broken\"];");
