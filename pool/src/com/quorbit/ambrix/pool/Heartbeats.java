@@ -1,10 +1,8 @@
 package com.quorbit.ambrix.pool;
 
-import java.io.Closeable;
 import java.io.IOException;
 import java.nio.channels.ClosedChannelException;
 import java.nio.channels.SelectionKey;
-import java.nio.channels.Selector;
 import java.time.Duration;
 import java.util.Queue;
 import java.util.Set;
@@ -21,26 +19,17 @@ import java.util.concurrent.TimeUnit;
  * waiting for its answers. A worker ends itself when the pool's heartbeats
  * stop in the same way.
  */
-final class Heartbeats implements Closeable {
+final class Heartbeats extends SelectorThread {
     private final long timeoutNanos;
     private final long intervalNanos;
-    private final Selector selector;
     private final Set<Worker> workers = ConcurrentHashMap.newKeySet();
     private final Queue<Worker> added = new ConcurrentLinkedQueue<>();
-    private final Thread thread;
-    private volatile boolean closed;
 
     Heartbeats(Duration timeout) {
+        super("ambrix-pool-heartbeats");
         timeoutNanos = timeout.toNanos();
         intervalNanos = Math.min(TimeUnit.SECONDS.toNanos(1), timeoutNanos / 4);
-        try {
-            selector = Selector.open();
-        } catch (IOException e) {
-            throw new IllegalStateException("no selector for heartbeats", e);
-        }
-        thread = new Thread(this::beat, "ambrix-pool-heartbeats");
-        thread.setDaemon(true);
-        thread.start();
+        start();
     }
 
     void add(Worker w) {
@@ -54,7 +43,8 @@ final class Heartbeats implements Closeable {
         workers.remove(w);
     }
 
-    private void beat() {
+    @Override
+    void loop() {
         long next = System.nanoTime();
         while (!closed) {
             for (Worker w = added.poll(); w != null; w = added.poll()) {
@@ -111,18 +101,6 @@ final class Heartbeats implements Closeable {
                 }
             }
             selector.selectedKeys().clear();
-        }
-    }
-
-    @Override
-    public void close() {
-        closed = true;
-        selector.wakeup();
-        try {
-            thread.join(2000);
-            selector.close();
-        } catch (IOException | InterruptedException e) {
-            // ending anyway
         }
     }
 }

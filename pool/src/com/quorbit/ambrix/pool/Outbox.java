@@ -2,13 +2,11 @@ package com.quorbit.ambrix.pool;
 
 import java.io.Closeable;
 import java.io.IOException;
-import java.lang.System.Logger.Level;
 import java.nio.ByteBuffer;
 import java.nio.channels.CancelledKeyException;
 import java.nio.channels.ClosedChannelException;
 import java.nio.channels.ClosedSelectorException;
 import java.nio.channels.SelectionKey;
-import java.nio.channels.Selector;
 import java.nio.channels.SocketChannel;
 import java.time.Duration;
 import java.util.ArrayDeque;
@@ -99,23 +97,14 @@ final class Outbox implements Closeable {
      * take at once, for every worker, and ends a worker whose writes made no
      * progress for the stall time. It selects; it never waits on one socket.
      */
-    static final class Flusher implements Closeable {
+    static final class Flusher extends SelectorThread {
         private final long stallNanos;
-        private final Selector selector;
         private final Queue<Outbox> added = new ConcurrentLinkedQueue<>();
-        private final Thread thread;
-        private volatile boolean closed;
 
         Flusher(Duration stall) {
+            super("ambrix-pool-writer");
             stallNanos = stall.toNanos();
-            try {
-                selector = Selector.open();
-            } catch (IOException e) {
-                throw new IllegalStateException("no selector for the pool's writes", e);
-            }
-            thread = new Thread(this::run, "ambrix-pool-writer");
-            thread.setDaemon(true);
-            thread.start();
+            start();
         }
 
         /** An outbox with frames waiting: written as its socket takes them. */
@@ -124,7 +113,8 @@ final class Outbox implements Closeable {
             selector.wakeup();
         }
 
-        private void run() {
+        @Override
+        void loop() {
             long tick = Math.max(TimeUnit.MILLISECONDS.toNanos(10), Math.min(TimeUnit.SECONDS.toNanos(1), stallNanos / 4));
             while (!closed) {
                 for (Outbox box = added.poll(); box != null; box = added.poll()) {
@@ -171,20 +161,6 @@ final class Outbox implements Closeable {
                                 + Task.seconds(Duration.ofNanos(stallNanos)));
                     }
                 }
-            }
-        }
-
-        @Override
-        public void close() {
-            closed = true;
-            selector.wakeup();
-            try {
-                thread.join(2000);
-                selector.close();
-            } catch (IOException e) {
-                EnginePool.LOG.log(Level.DEBUG, "the pool's writer did not close: " + e);
-            } catch (InterruptedException e) {
-                Thread.currentThread().interrupt();
             }
         }
     }

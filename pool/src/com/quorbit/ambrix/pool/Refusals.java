@@ -1,12 +1,13 @@
 package com.quorbit.ambrix.pool;
 
 import java.lang.System.Logger.Level;
+import java.util.concurrent.CompletableFuture;
 import java.util.concurrent.TimeUnit;
 
 /**
  * The log of a listener's refused connections, at a bounded rate: the first
  * refusal of an interval is logged as it comes, the others are counted and
- * said in one line when the next interval begins. Peers that connect and
+ * said in one line when the interval ends. Peers that connect and
  * close a thousand times a second write a line every interval, not a
  * thousand.
  */
@@ -17,6 +18,8 @@ final class Refusals {
     /** Refusals in this interval that were not logged one by one. */
     private long unsaid;
     private String last;
+    /** Whether the count of this interval is to be said at its end. */
+    private boolean summing;
 
     /** A connection that did not prove itself, or found no slot. */
     void refused(String from, String why) {
@@ -29,29 +32,38 @@ final class Refusals {
     }
 
     private void log(String line) {
-        String summary = null;
         boolean say;
         synchronized (this) {
             long now = System.nanoTime();
-            if (now - intervalStart >= INTERVAL_NANOS) {
-                if (unsaid > 0) {
-                    summary = "and " + unsaid + " more like it in " + TimeUnit.NANOSECONDS.toSeconds(now - intervalStart)
-                            + " s, the last: " + last;
-                }
+            say = now - intervalStart >= INTERVAL_NANOS;
+            if (say) {
                 intervalStart = now;
-                unsaid = 0;
-                say = true;
             } else {
                 unsaid++;
                 last = line;
-                say = false;
+                if (!summing) {
+                    // Said when the interval ends, on the common pool: no thread of its own.
+                    summing = true;
+                    CompletableFuture.delayedExecutor(intervalStart + INTERVAL_NANOS - now, TimeUnit.NANOSECONDS)
+                            .execute(this::sum);
+                }
             }
-        }
-        if (summary != null) {
-            EnginePool.LOG.log(Level.WARNING, summary);
         }
         if (say) {
             EnginePool.LOG.log(Level.WARNING, line);
         }
+    }
+
+    /** The interval ended: its count is said in one line, and the next begins. */
+    private void sum() {
+        String summary;
+        synchronized (this) {
+            summing = false;
+            summary = unsaid + " more like it in the last " + TimeUnit.NANOSECONDS.toSeconds(INTERVAL_NANOS)
+                    + " s, the last: " + last;
+            unsaid = 0;
+            intervalStart = System.nanoTime();
+        }
+        EnginePool.LOG.log(Level.WARNING, summary);
     }
 }

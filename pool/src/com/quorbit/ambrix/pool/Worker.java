@@ -294,10 +294,11 @@ final class Worker {
             // Elsewhere, the connection's end is the news: a node that died or a worker that crashed is lost now,
             // not once its scheduler has noticed. Its job is ended; what the scheduler knows already is added.
             if (reason == null) {
-                String why = launched.ended().getNow(null);
+                String why = schedulersWord();
                 String host = launched.host();
+                String job = launched.job();
                 reason = "the connection to the worker" + (host == null ? "" : " on " + host) + " was lost"
-                        + (why == null ? "" : " (" + why + ")");
+                        + (why != null ? ": " + why : job != null ? " (job " + job + ")" : "");
             }
             launched.kill();
         } else {
@@ -319,6 +320,22 @@ final class Worker {
             task.future.completeExceptionally(lost);
         }
         events.lost(this, lost);
+    }
+
+    /**
+     * How the worker's launcher says it ended, if it can tell within a
+     * second (a job its scheduler cancelled); null for a node that died,
+     * which the scheduler notices only much later.
+     */
+    private String schedulersWord() {
+        try {
+            return launched.ended().get(1, TimeUnit.SECONDS);
+        } catch (java.util.concurrent.ExecutionException | java.util.concurrent.TimeoutException e) {
+            return null;
+        } catch (InterruptedException e) {
+            Thread.currentThread().interrupt();
+            return null;
+        }
     }
 
     WorkerLostException lostException() {
