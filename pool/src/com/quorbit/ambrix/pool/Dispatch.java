@@ -89,7 +89,7 @@ final class Dispatch {
             }
         }
         warnedAboutSessions = true;
-        EnginePool.LOG.log(Level.WARNING, "a task waits in line while every worker (" + members.size()
+        PoolLog.log(Level.WARNING, "a task waits in line while every worker (" + members.size()
                 + ") is held by an open session; it runs only when a session is closed");
     }
 

@@ -50,8 +50,12 @@ final class Refusals {
             }
         }
         if (say) {
-            EnginePool.LOG.log(Level.WARNING, line);
+            warn(line);
         }
+    }
+
+    private static void warn(String line) {
+        PoolLog.log(Level.WARNING, line);
     }
 
     /** The interval ended: its count is said in one line, and the next begins. */
@@ -64,6 +68,6 @@ final class Refusals {
             unsaid = 0;
             intervalStart = System.nanoTime();
         }
-        EnginePool.LOG.log(Level.WARNING, summary);
+        warn(summary);
     }
 }

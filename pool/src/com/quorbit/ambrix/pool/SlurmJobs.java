@@ -1,6 +1,7 @@
 package com.quorbit.ambrix.pool;
 
 import java.io.IOException;
+import java.lang.System.Logger.Level;
 import java.nio.charset.StandardCharsets;
 import java.nio.file.Files;
 import java.nio.file.Path;
@@ -175,7 +176,7 @@ final class SlurmJobs {
         unloggedPolls++;
         long now = System.nanoTime();
         if (failedPolls == 1 || now - loggedAt >= SQUEUE_LOG_NANOS) {
-            EnginePool.LOG.log(System.Logger.Level.WARNING, "squeue failed"
+            PoolLog.log(Level.WARNING, "squeue failed"
                     + (unloggedPolls > 1 ? " " + unloggedPolls + " times" : "") + " (" + why
                     + "); the pool's Slurm jobs are not judged until it answers");
             unloggedPolls = 0;
@@ -185,7 +186,7 @@ final class SlurmJobs {
 
     private void squeueAnswered() {
         if (failedPolls > 0) {
-            EnginePool.LOG.log(System.Logger.Level.INFO, "squeue answers again, after " + failedPolls
+            PoolLog.log(Level.INFO, "squeue answers again, after " + failedPolls
                     + " failed polls");
         }
         failedPolls = 0;
@@ -267,7 +268,7 @@ final class SlurmJobs {
             try {
                 run(c.toArray(new String[0]));
             } catch (IOException e) {
-                EnginePool.LOG.log(System.Logger.Level.WARNING, "scancel of Slurm job " + id + " failed: " + e);
+                PoolLog.log(Level.WARNING, "scancel of Slurm job " + id + " failed: " + e);
             }
         }
 

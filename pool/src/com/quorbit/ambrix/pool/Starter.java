@@ -193,7 +193,7 @@ final class Starter {
             slot.failures = 0;
             lock.notifyAll();
         }
-        EnginePool.LOG.log(Level.DEBUG, "worker " + w.name() + " started in "
+        PoolLog.log(Level.DEBUG, "worker " + w.name() + " started in "
                 + TimeUnit.NANOSECONDS.toMillis(System.nanoTime() - w.started) + " ms");
         return w;
     }

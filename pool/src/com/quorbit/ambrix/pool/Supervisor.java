@@ -198,7 +198,7 @@ final class Supervisor {
         }
         if (again) {
             long pause = starter.remote() ? 0 : RETRY_MILLIS << (failures - 1);
-            EnginePool.LOG.log(Level.WARNING, "a worker ended before it was ready (" + why + "); launching another"
+            PoolLog.log(Level.WARNING, "a worker ended before it was ready (" + why + "); launching another"
                     + (pause > 0 ? " in " + pause + " ms" : ""));
             if (starter.remote()) {
                 launchAndWait(slot);
@@ -207,7 +207,7 @@ final class Supervisor {
             }
             return;
         }
-        EnginePool.LOG.log(Level.ERROR, "worker slot " + slot.index + (refusal ? " gave up: " : " gave up after "
+        PoolLog.log(Level.ERROR, "worker slot " + slot.index + (refusal ? " gave up: " : " gave up after "
                 + Slot.FAILED_LAUNCHES + " launches in a row ended before they were ready: ") + why);
         if (none) {
             // No worker will ever take what waits: it fails with the last reason.
@@ -243,7 +243,7 @@ final class Supervisor {
                         return;
                     }
                     if (replaced != null) {
-                        EnginePool.LOG.log(Level.INFO, "worker " + fresh.name() + " replaced worker "
+                        PoolLog.log(Level.INFO, "worker " + fresh.name() + " replaced worker "
                                 + replaced.name());
                     }
                     admit(fresh);
@@ -306,7 +306,7 @@ final class Supervisor {
         if (!replace) {
             return;
         }
-        EnginePool.LOG.log(Level.WARNING, "worker " + w.name() + " lost: " + e.getMessage());
+        PoolLog.log(Level.WARNING, "worker " + w.name() + " lost: " + e.getMessage());
         if (starter.remote()) {
             launchAndWait(slot);
         } else {
@@ -431,7 +431,7 @@ final class Supervisor {
     /** Waits for a cancelled launch to end, the grace time at most; then kills it. */
     private void endLaunch(Launcher.Launched l) {
         if (!Worker.endWithin(l, settings.graceTime().toNanos()) && !Thread.currentThread().isInterrupted()) {
-            EnginePool.LOG.log(Level.WARNING, "a worker did not end after it was killed");
+            PoolLog.log(Level.WARNING, "a worker did not end after it was killed");
         }
     }
 }

@@ -129,6 +129,78 @@ class PeerTest {
         }
     }
 
+    /**
+     * The main of a JVM whose pool's listener runs out of descriptors: it
+     * takes every descriptor left, lets strangers knock for two seconds, gives
+     * them back, kills its worker, and says whether a replacement connected.
+     */
+    public static final class Starved {
+        public static void main(String[] args) throws Exception {
+            TcpLocal launcher = new TcpLocal();
+            try (EnginePool p = EnginePool.builder().workers(1).launcher(launcher).build()) {
+                if (!p.awaitWorkers(1, Duration.ofSeconds(60))) {
+                    System.out.println("no worker");
+                    return;
+                }
+                long pid = p.workerPids().get(0);
+                InetSocketAddress at = launcher.address();
+                List<java.io.FileInputStream> hoard = new ArrayList<>();
+                try {
+                    while (true) {
+                        hoard.add(new java.io.FileInputStream("/dev/null"));
+                    }
+                } catch (IOException e) {
+                    // no descriptor left
+                }
+                System.out.println("starved " + at.getHostString() + " " + at.getPort());
+                System.out.flush();
+                Thread.sleep(2000);
+                for (java.io.FileInputStream f : hoard) {
+                    f.close();
+                }
+                ProcessHandle.of(pid).ifPresent(ProcessHandle::destroyForcibly);
+                long end = System.nanoTime() + TimeUnit.SECONDS.toNanos(60);
+                boolean replaced = false;
+                while (!replaced && System.nanoTime() < end) {
+                    Thread.sleep(100);
+                    replaced = p.awaitWorkers(1, Duration.ZERO) && !p.workerPids().contains(pid);
+                }
+                System.out.println("replaced " + replaced);
+            }
+        }
+    }
+
+    /** A listener that runs out of descriptors waits and accepts again: a killed worker is still replaced. */
+    @Test
+    void theListenerOutlivesRunningOutOfDescriptors() throws Exception {
+        List<String> command = new ArrayList<>(List.of("prlimit", "--nofile=4096:4096", "--"));
+        command.addAll(PoolTest.javaCommand(Starved.class));
+        Process child = new ProcessBuilder(command).redirectErrorStream(true).start();
+        try {
+            java.io.BufferedReader out = new java.io.BufferedReader(new java.io.InputStreamReader(child.getInputStream()));
+            StringBuilder seen = new StringBuilder();
+            String line;
+            while ((line = out.readLine()) != null && !line.startsWith("starved ")) {
+                seen.append(line).append('\n');
+            }
+            assertTrue(line != null, "the starved pool said nothing: " + seen);
+            String[] f = line.split(" ");
+            List<SocketChannel> knocks = new ArrayList<>();
+            for (int i = 0; i < 3; i++) {
+                knocks.add(SocketChannel.open(new InetSocketAddress(f[1], Integer.parseInt(f[2]))));
+            }
+            CompletableFuture<String> rest = CompletableFuture.supplyAsync(() -> out.lines()
+                    .filter(l -> l.startsWith("replaced ") || l.contains("Exception")).findFirst().orElse("(no end)"));
+            String tail = within(rest, 90, "the starved pool's end");
+            for (SocketChannel c : knocks) {
+                c.close();
+            }
+            assertTrue(tail.contains("replaced true"), tail);
+        } finally {
+            child.destroyForcibly();
+        }
+    }
+
     @Test
     void anIpv6ListenAddressReachesItsWorkers() throws Exception {
         try (EnginePool p = EnginePool.builder().workers(1).launcher(new TcpLocal()).listenAddress("::1").build()) {
