@@ -15,7 +15,7 @@ final class PoolLog {
 
     static void log(Level level, String line) {
         try {
-            PoolLog.log(level, line);
+            EnginePool.LOG.log(level, line);
         } catch (RuntimeException | Error e) {
             // not said
         }
