@@ -59,7 +59,12 @@ def session(launcher, args, keys):
     # Keys typed before the line editor is up are lost (it flushes the input as it starts): wait for the prompt.
     read_until(text="> ")
     for group in keys:
-        if isinstance(group, tuple):
+        if isinstance(group, tuple) and group[0] == "prompts":
+            # Waits until the shell has shown that many prompts: the statements before have run.
+            end = time.time() + 30
+            while seen.count(b"> ") < group[1] and time.time() < end:
+                read_until(quiet=0.1, limit=0.2)
+        elif isinstance(group, tuple):
             read_until(text=group[1])
             if group[1].encode() not in seen:
                 shell.kill()
@@ -86,8 +91,10 @@ def expect(screen, text, present=True):
 
 
 launcher = sys.argv[1]
-screen = session(launcher, ["-q"], ["myvalue := 3:\r", "print(myv\t", ");\r", "fai\t", ";\r", "pri\t",
-                                    "(kernelo\t", "(version));\r"])
+# Each statement is waited for before the next keys, however slow a loaded machine makes it.
+screen = session(launcher, ["-q"], ["myvalue := 3:\r", ("prompts", 2), "print(myv\t", ");\r", ("wait", "3\r\n"),
+                                    "fai\t", ";\r", ("wait", "fai\r\n"), "pri\t", "(kernelo\t",
+                                    "(version));\r"])
 expect(screen, "print(myvalue);")
 expect(screen, "\n3\n")
 expect(screen, "failalloc", present=False)
