@@ -189,7 +189,15 @@ class HostilePeerTests(Guarded, unittest.TestCase):
                 self.assertIn("interrupted", reply["content"]["evalue"])
                 interrupter.replies(0)
         # An interrupt that comes while the kernel is idle reaches no cell sent after it: at once from
-        # its own client, whose time stamps order its messages; from another, after a moment.
+        # its own client, whose time stamps order its messages, even when the cell overtakes the
+        # interrupt; from another, after a moment. (First the grace of the last interrupt above ends:
+        # meanwhile it ends any client's cell, which might have been sent before it.)
+        time.sleep(0.3)
+        for n in range(20):
+            self.control.send("interrupt_request", {})
+            reply = self.shell.request("execute_request", {"code": "6 * 7;", "silent": False})
+            self.assertEqual(reply["content"]["status"], "ok", f"cell {n} sent right behind the interrupt: {reply['content']}")
+            self.control.replies(0.05)
         for interrupter, pause in ((self.control, 0), (manager, 0.3)):
             self.assertIsNotNone(interrupter.request("interrupt_request", {}))
             time.sleep(pause)

@@ -60,7 +60,7 @@ final class CellOutput extends EngineCallBacksDefault {
         if (m == null || !allowStdin) {
             throw new VexelException("no input: this client does not allow input requests");
         }
-        String line = loop.input(m, "", loop::interruptPending);
+        String line = loop.input(m, "", () -> loop.interruptPending(m));
         if (line == null) {
             throw new VexelException("computation interrupted");
         }
@@ -74,7 +74,7 @@ final class CellOutput extends EngineCallBacksDefault {
      */
     @Override
     public boolean queryInterrupt(Object data) {
-        return loop.interruptPending();
+        return loop.interruptPending(current);
     }
 
     @Override

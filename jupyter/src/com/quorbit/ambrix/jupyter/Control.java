@@ -49,12 +49,13 @@ final class Control {
      * {@link MessageLoop#interrupt}); the request that asks, or null.
      */
     void interrupt(Channels.Message request) {
-        loop.interrupt(request);
-        try {
-            engine.interrupt();
-        } catch (VexelException e) {
-            // stopped: nothing runs
-        }
+        loop.interrupt(request, () -> {
+            try {
+                engine.interrupt();
+            } catch (VexelException e) {
+                // stopped: nothing runs
+            }
+        });
     }
 
     private JsonObject kernelInfo() {

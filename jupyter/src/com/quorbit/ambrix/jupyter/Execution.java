@@ -72,9 +72,11 @@ final class Execution {
         output.silent = silent;
         output.text.setLength(0);
         JsonObject error = null;
+        loop.running(m);
         try {
             error = runCell(code, count, m, silent);
         } finally {
+            loop.running(null);
             output.current = null;
         }
         // An interrupt that came during the cell has ended it; it ends the cells waiting now too.
@@ -148,7 +150,7 @@ final class Execution {
         for (int i = 0; i < steps.size(); i++) {
             Step step = steps.get(i);
             try {
-                if (m.interrupted || loop.interruptPending()) {
+                if (m.interrupted || loop.interruptPending(m)) {
                     throw new VexelException("computation interrupted");
                 }
                 boolean last = i == steps.size() - 1;

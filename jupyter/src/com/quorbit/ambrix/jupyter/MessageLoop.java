@@ -68,8 +68,13 @@ final class MessageLoop {
     static final long INTERRUPT_GRACE_NANOS = 100_000_000L;
     /** Until when an execute request taken off the shell socket is ended as it starts (System.nanoTime). */
     private long graceEnds = System.nanoTime();
-    /** The last interrupt request; null before the first. */
+    /** The last interrupt's request; null before the first, and for a signal. */
     private volatile Channels.Message lastInterrupt;
+    /** When the last interrupt came (System.nanoTime): the grace counts from then, not from when it is taken. */
+    private volatile long interruptedAt;
+    /** The execute request whose cell runs now, null between cells; guarded by the lock {@link #cells}. */
+    private Channels.Message cell;
+    private final Object cells = new Object();
     /** Requests taken off the shell socket and not handled yet, oldest first; the shell thread's alone. */
     private final Deque<Channels.Message> backlog = new ArrayDeque<>();
 
@@ -202,39 +207,66 @@ final class MessageLoop {
 
     /**
      * Raises an interrupt, from any thread: the running cell ends at its next
-     * statement or interrupt query, and the shell thread wakes to end the
-     * execute requests waiting. The request that asks for it, or null for a
+     * statement or interrupt query ({@code stopKernel} ends the kernel call
+     * running now), and the shell thread wakes to end the execute requests
+     * waiting. A cell that its client sent after the interrupt request, and
+     * that overtook it, runs on. The request that asks, or null for a
      * signal.
      */
-    void interrupt(Channels.Message request) {
-        if (request != null) {
-            lastInterrupt = request;
-        }
+    void interrupt(Channels.Message request, Runnable stopKernel) {
+        lastInterrupt = request;
+        interruptedAt = System.nanoTime();
         interrupt.set(true);
+        synchronized (cells) {
+            if (reaches(request, cell)) {
+                stopKernel.run();
+            }
+        }
         synchronized (wakeOut) {
             wakeOut.send(new byte[1], ZMQ.DONTWAIT);
         }
     }
 
-    /** Whether an interrupt was raised that the shell thread has not taken yet. */
-    boolean interruptPending() {
-        return interrupt.get();
+    /** Whether an interrupt is to end this execute request (null: a request of no cell). */
+    private static boolean reaches(Channels.Message interrupt, Channels.Message request) {
+        return interrupt == null || request == null || !request.sentAfter(interrupt);
+    }
+
+    /** Marks the cell of this request as the one running, or none (null). */
+    void running(Channels.Message request) {
+        synchronized (cells) {
+            cell = request;
+        }
+    }
+
+    /**
+     * Whether an interrupt that the shell thread has not taken yet ends this
+     * request's cell (null: whatever uses the kernel outside a cell).
+     */
+    boolean interruptPending(Channels.Message request) {
+        return interrupt.get() && reaches(lastInterrupt, request);
     }
 
     /**
      * On the shell thread: takes an interrupt raised since the last look,
-     * marking every request waiting now to end as it starts; when there is
+     * marking every request waiting now to end as it starts, except those
+     * that their client sent after its interrupt request (a busy machine can
+     * keep this thread from looking until they are here). When it marks
      * none, and no cell was running ({@code cellEnded} false), those that
-     * arrive within the grace too.
+     * arrive within the grace of the interrupt are ended too.
      */
     void takeInterrupt(boolean cellEnded) {
         if (interrupt.getAndSet(false)) {
             pull();
+            Channels.Message last = lastInterrupt;
+            boolean marked = false;
             for (Channels.Message q : backlog) {
-                q.interrupted = true;
+                if (reaches(last, q)) {
+                    q.interrupted = marked = true;
+                }
             }
-            if (backlog.isEmpty() && !cellEnded) {
-                graceEnds = System.nanoTime() + INTERRUPT_GRACE_NANOS;
+            if (!marked && !cellEnded) {
+                graceEnds = interruptedAt + INTERRUPT_GRACE_NANOS;
             }
         }
     }
@@ -297,8 +329,7 @@ final class MessageLoop {
         while (poller.poll(0) > 0 && poller.pollin(0)) {
             Channels.Message q = channels.receive(shell);
             if (q != null) {
-                Channels.Message last = lastInterrupt;
-                q.interrupted = System.nanoTime() - graceEnds < 0 && !(last != null && q.sentAfter(last));
+                q.interrupted = System.nanoTime() - graceEnds < 0 && reaches(lastInterrupt, q);
                 backlog.add(q);
             }
         }
