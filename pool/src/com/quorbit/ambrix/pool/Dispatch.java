@@ -15,13 +15,28 @@ import java.util.concurrent.ExecutionException;
  * session requests, the free workers, and the matching of one to the
  * other. A task goes from here to its worker's link and onto the wire, its
  * time limit to the {@link Timers}; its answer completes its future, and a
- * finished worker comes back here ({@link #finished}) to take the next.
+ * finished worker comes back here ({@link #finished}) to take the next, or
+ * goes when it has served its share of tasks. A task whose worker was lost
+ * comes back here ({@link #lost}) to run again or fail.
  */
 final class Dispatch {
     private final Timers timers;
     private final Tasks tasks;
     /** The pool's worker slots: while fewer workers are members, one is being started or replaced. */
     private final int slots;
+    /** The tasks and sessions after which a worker goes, 0 for no limit. */
+    private final int maxTasksPerWorker;
+
+    /** What the pool's size does about the line: told outside this one's lock. */
+    interface Sizing {
+        /** A request waits in line for a worker. */
+        void waits();
+
+        /** A worker has served its share and takes no more: it is to end. */
+        void served(Worker w);
+    }
+
+    private volatile Sizing sizing;
     private final Object lock = new Object();
     /** Tasks and session requests (a CompletableFuture of the worker) in line. Guarded by lock. */
     private final ArrayDeque<Object> waiting = new ArrayDeque<>();
@@ -32,10 +47,15 @@ final class Dispatch {
     private boolean closed;
     private boolean warnedAboutSessions;
 
-    Dispatch(Timers timers, Tasks tasks, int slots) {
+    Dispatch(Timers timers, Tasks tasks, int slots, int maxTasksPerWorker) {
         this.timers = timers;
         this.tasks = tasks;
         this.slots = slots;
+        this.maxTasksPerWorker = maxTasksPerWorker;
+    }
+
+    void sizing(Sizing s) {
+        sizing = s;
     }
 
     /** Sends a task to a worker, and watches its time limit; false when the worker has ended. */
@@ -66,11 +86,53 @@ final class Dispatch {
                     waiting.add(t);
                 }
                 warnIfHeldBySessions();
-                return;
             }
         }
-        if (!start(w, t)) {
+        if (w == null) {
+            sizing.waits();
+        } else if (!start(w, t)) {
             dispatch(t, true);
+        }
+    }
+
+    /**
+     * A task whose worker was lost while it ran: it runs again, first in
+     * line, when the loss was none of its own doing and it has runs left;
+     * else it fails, naming each run.
+     */
+    void lost(Task task, Worker w, WorkerLostException e) {
+        WorkerLostException failure = task.lostRun(w, e, !w.endedByTask());
+        if (failure != null) {
+            task.future.completeExceptionally(failure);
+            return;
+        }
+        PoolLog.log(Level.INFO, "task " + task.id + " lost with worker " + w.name() + " (" + e.reason()
+                + "); running it again, run " + task.runs() + " of " + (task.retries + 1));
+        dispatch(task, true);
+    }
+
+    /** The requests in line for a worker. */
+    int waitingCount() {
+        synchronized (lock) {
+            return waiting.size();
+        }
+    }
+
+    /**
+     * Takes a free worker out of the pool, so that no request goes to it.
+     *
+     * @return false when it is not free now
+     */
+    boolean takeIdle(Worker w) {
+        synchronized (lock) {
+            return idle.remove(w);
+        }
+    }
+
+    /** The free workers, the longest free first. */
+    List<Worker> idleWorkers() {
+        synchronized (lock) {
+            return List.copyOf(idle);
         }
     }
 
@@ -103,11 +165,23 @@ final class Dispatch {
         if (!task.pooled) {
             return;
         }
+        if ((task.kind == Wire.EVAL || task.kind == Wire.CALL) && servedItsShare(w)) {
+            return;
+        }
         if (task.resetAfter) {
             start(w, tasks.reset());
             return;
         }
         release(w);
+    }
+
+    /** Counts a task or session the worker served: true when that was its last, and it is to end. */
+    private boolean servedItsShare(Worker w) {
+        if (w.served.incrementAndGet() < maxTasksPerWorker || maxTasksPerWorker == 0) {
+            return false;
+        }
+        sizing.served(w);
+        return true;
     }
 
     /**
@@ -144,6 +218,7 @@ final class Dispatch {
             }
             Object request = waiting.poll();
             if (request == null) {
+                w.idleSince = System.nanoTime();
                 idle.add(w);
                 return;
             }
@@ -181,6 +256,9 @@ final class Dispatch {
                 waiting.add(request);
             }
         }
+        if (w == null) {
+            sizing.waits();
+        }
         try {
             if (w == null) {
                 w = request.get();
@@ -198,7 +276,7 @@ final class Dispatch {
     /** A session ends: its worker is reset, then free again. */
     void endSession(Worker w) {
         w.session = null;
-        if (w.alive()) {
+        if (w.alive() && !servedItsShare(w)) {
             start(w, tasks.reset());
         }
     }

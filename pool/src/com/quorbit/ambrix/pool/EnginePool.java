@@ -26,9 +26,12 @@ import java.util.concurrent.CompletableFuture;
  *
  * <p>A task whose time limit passes is interrupted; if it has not ended
  * after the grace time, its worker is killed. A worker whose resident
- * memory passes the memory limit is killed. A lost worker fails its own
- * task with a {@link WorkerLostException} (the task is not retried
- * elsewhere) and is replaced at once; the other workers are untouched.
+ * memory passes the memory limit is killed. A task whose worker is lost
+ * through no fault of the task's own runs again on another worker, up to
+ * {@link Builder#retries} times; otherwise, and once the retries are spent,
+ * it fails with a {@link WorkerLostException}. A lost worker is replaced
+ * where the pool's size asks for it ({@link Builder#workers(int, int)});
+ * the other workers are untouched.
  * Worker starts, losses and replacements are logged to the
  * {@link System.Logger} named {@code com.quorbit.ambrix.pool}.
  *
@@ -59,7 +62,7 @@ public final class EnginePool implements AutoCloseable {
         this.settings = settings;
         timers = new Timers(settings.graceTime());
         tasks = new Tasks(settings);
-        dispatch = new Dispatch(timers, tasks, settings.workers());
+        dispatch = new Dispatch(timers, tasks, settings.maxWorkers(), settings.maxTasksPerWorker());
         try {
             supervisor = new Supervisor(settings, dispatch, tasks);
         } catch (RuntimeException e) {
@@ -84,6 +87,13 @@ public final class EnginePool implements AutoCloseable {
         if (settings.memoryLimit() > 0) {
             pool.timers.every(Duration.ofMillis(50), pool.supervisor::sampleMemory);
         }
+        if (settings.maxWorkers() > settings.minWorkers()) {
+            // Idle workers are looked for four times per idle timeout, once a second at least.
+            Duration look = settings.idleTimeout().dividedBy(4);
+            pool.timers.every(look.compareTo(Duration.ofSeconds(1)) > 0 ? Duration.ofSeconds(1)
+                    : look.compareTo(Duration.ofMillis(10)) < 0 ? Duration.ofMillis(10) : look,
+                    pool.supervisor::endIdle);
+        }
         return pool;
     }
 
@@ -98,7 +108,11 @@ public final class EnginePool implements AutoCloseable {
 
     /** The settings of a pool. */
     public static final class Builder {
-        private int workers = Runtime.getRuntime().availableProcessors();
+        private int minWorkers = Runtime.getRuntime().availableProcessors();
+        private int maxWorkers = minWorkers;
+        private Duration idleTimeout = Duration.ofSeconds(60);
+        private int maxTasksPerWorker;
+        private int retries = 2;
         private java.util.List<String> kernelArguments = java.util.List.of("-q");
         private java.util.List<String> initialize = java.util.List.of();
         private Duration timeLimit;
@@ -161,7 +175,7 @@ public final class EnginePool implements AutoCloseable {
         }
 
         /**
-         * The number of worker processes.
+         * The number of worker processes, fixed: {@code workers(n, n)}.
          *
          * @param n at least 1
          * @return this builder
@@ -170,7 +184,92 @@ public final class EnginePool implements AutoCloseable {
             if (n < 1) {
                 throw new IllegalArgumentException("workers must be at least 1, not " + n);
             }
-            workers = n;
+            return workers(n, n);
+        }
+
+        /**
+         * A pool whose size follows its load. It starts {@code min} workers.
+         * A task or a session that waits for a worker launches another, at
+         * most one per waiting request, while fewer than {@code max} exist;
+         * a worker that has had no task for the {@link #idleTimeout} is
+         * ended (its job cancelled) while more than {@code min} exist. With
+         * {@code workers(0, n)} on a cluster, an idle pool holds no job.
+         *
+         * @param min zero or more
+         * @param max at least 1, and at least min
+         * @return this builder
+         */
+        public Builder workers(int min, int max) {
+            if (min < 0 || max < 1 || min > max) {
+                throw new IllegalArgumentException("workers(min, max) needs 0 <= min <= max and max >= 1, not ("
+                        + min + ", " + max + ")");
+            }
+            minWorkers = min;
+            maxWorkers = max;
+            return this;
+        }
+
+        /**
+         * How long a worker beyond the pool's minimum may go without a task
+         * or a session before it is ended (default 60 s); see
+         * {@link #workers(int, int)}.
+         *
+         * @param timeout a positive duration
+         * @return this builder
+         */
+        public Builder idleTimeout(Duration timeout) {
+            idleTimeout = positive(timeout, "idleTimeout");
+            return this;
+        }
+
+        /**
+         * Ends each worker after that many tasks (a session counts as one),
+         * between two of them, never during one; another takes its place
+         * where the pool's size asks for one. It guards a long-running pool
+         * against a kernel's slow growth. Default 0: no limit.
+         *
+         * @param n zero or more
+         * @return this builder
+         */
+        public Builder maxTasksPerWorker(int n) {
+            if (n < 0) {
+                throw new IllegalArgumentException("maxTasksPerWorker must be zero or more, not " + n);
+            }
+            maxTasksPerWorker = n;
+            return this;
+        }
+
+        /**
+         * How many more times a task of {@link EnginePool#submit} or
+         * {@link EnginePool#call} runs, each on another worker, when its
+         * worker is lost while it runs through no fault of its own (default
+         * 2): the connection or the heartbeats were lost, or its host died;
+         * the scheduler ended, preempted or cancelled the job; someone
+         * outside the pool killed the worker; or the cause is not known. A
+         * task is not run again when the pool ended its worker for the
+         * task's time or memory limit, or when the kernel crashed while
+         * running it (SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGABRT): another run
+         * would only repeat that. A session's statements never run again.
+         * {@link Result#attempts()} tells how many runs a result took; when
+         * the retries are spent, the {@link WorkerLostException} names each
+         * run's host and reason.
+         *
+         * <p>Each run starts in a fresh kernel, so a retry is safe for the
+         * kernel's state; what a lost run did outside its kernel (a file it
+         * wrote) stays done. With
+         * {@link #resetEveryTask(boolean) resetEveryTask(false)}, a retry
+         * runs on a worker whose kernel holds what earlier tasks on that
+         * worker left, not what the lost worker held: a task that depends on
+         * earlier ones may see other state on its retry.
+         *
+         * @param n zero or more; 0 turns retries off
+         * @return this builder
+         */
+        public Builder retries(int n) {
+            if (n < 0) {
+                throw new IllegalArgumentException("retries must be zero or more, not " + n);
+            }
+            retries = n;
             return this;
         }
 
@@ -270,7 +369,8 @@ public final class EnginePool implements AutoCloseable {
          *         remote one can be submitted, with the reason
          */
         public EnginePool build() {
-            return EnginePool.start(new PoolSettings(workers, kernelArguments, initialize, timeLimit, graceTime,
+            return EnginePool.start(new PoolSettings(minWorkers, maxWorkers, idleTimeout, maxTasksPerWorker, retries,
+                    kernelArguments, initialize, timeLimit, graceTime,
                     memoryLimit, javaOptions, resetEveryTask, launcher, listenAddress, heartbeatTimeout));
         }
 

@@ -10,7 +10,11 @@ import java.util.List;
  * A pool's settings, as its {@link EnginePool.Builder} validated them: every
  * part of the pool reads them, and none changes them.
  *
- * @param workers          the number of worker slots
+ * @param minWorkers       the workers the pool keeps, however idle
+ * @param maxWorkers       the workers it may have, each in a slot of its own
+ * @param idleTimeout      how long a worker beyond the minimum may go without a task before it is ended
+ * @param maxTasksPerWorker the tasks after which a worker is ended and replaced, 0 for no limit
+ * @param retries          how many more runs a task gets whose worker was lost through no fault of its own
  * @param kernelArguments  each kernel's start arguments
  * @param initialize       statements run at each kernel's start and after each reset
  * @param timeLimit        a task's default time limit, or null for none
@@ -22,7 +26,8 @@ import java.util.List;
  * @param listenAddress    the address remote workers connect to, or null for this host's name
  * @param heartbeatTimeout how long a remote worker, or the pool, may stay silent
  */
-record PoolSettings(int workers, List<String> kernelArguments, List<String> initialize, Duration timeLimit,
+record PoolSettings(int minWorkers, int maxWorkers, Duration idleTimeout, int maxTasksPerWorker, int retries,
+        List<String> kernelArguments, List<String> initialize, Duration timeLimit,
         Duration graceTime, long memoryLimit, List<String> javaOptions, boolean resetEveryTask, Launcher launcher,
         String listenAddress, Duration heartbeatTimeout) {
 

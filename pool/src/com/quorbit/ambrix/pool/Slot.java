@@ -1,8 +1,9 @@
 package com.quorbit.ambrix.pool;
 
 /**
- * One worker slot of a pool: its launch now, the worker once connected, and
- * how many launches in a row ended before they were ready. Guarded by the
+ * One worker slot of a pool: whether it is in use, its launch now, the
+ * worker once connected, and how many launches in a row ended before they
+ * were ready. Guarded by the
  * {@link Supervisor}'s lock.
  */
 final class Slot {
@@ -10,6 +11,8 @@ final class Slot {
     static final int FAILED_LAUNCHES = 3;
 
     final int index;
+    /** Whether the slot is in use: it holds a worker, or one starting, or it gave up. */
+    boolean inUse;
     Launcher.Launched launched;
     Worker worker;
     int failures;

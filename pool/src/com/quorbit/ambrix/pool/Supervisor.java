@@ -19,8 +19,11 @@ import java.util.stream.Collectors;
  * The pool's worker slots and what fills them: the launch of each worker,
  * its connection and the start of its kernel, its admission to the
  * {@link Dispatch}, its loss and replacement, and a slot's giving up after
- * launches that fail time after time. Workers report to it through
- * {@link Worker.Events}.
+ * launches that fail time after time. It keeps the pool's size between its
+ * least and its most: a slot is taken into use for a request that waits
+ * with no worker starting for it, and a worker beyond the least that stays
+ * idle, or that has served its share of tasks, is ended and its slot freed.
+ * Workers report to it through {@link Worker.Events}.
  */
 final class Supervisor {
     private final PoolSettings settings;
@@ -43,6 +46,8 @@ final class Supervisor {
     private boolean closed;
     /** The launcher's refusal, which no retry mends. Guarded by lock. */
     private String refused;
+    /** Why the last slot that gave up did. Guarded by lock. */
+    private String gaveUp;
     private final Worker.Events events = new Worker.Events() {
         @Override
         public void answered(Worker w, Task task) {
@@ -50,19 +55,51 @@ final class Supervisor {
         }
 
         @Override
-        public void lost(Worker w, WorkerLostException e) {
-            Supervisor.this.lost(w, e);
+        public void lost(Worker w, WorkerLostException e, Task task) {
+            Supervisor.this.lost(w, e, task);
         }
     };
 
     Supervisor(PoolSettings settings, Dispatch dispatch, Tasks tasks) {
         this.settings = settings;
         this.dispatch = dispatch;
-        slots = new Slot[settings.workers()];
+        slots = new Slot[settings.maxWorkers()];
         for (int i = 0; i < slots.length; i++) {
             slots[i] = new Slot(i);
         }
         starter = new Starter(settings, tasks, events, lock);
+        dispatch.sizing(new Dispatch.Sizing() {
+            @Override
+            public void waits() {
+                balance(0);
+            }
+
+            @Override
+            public void served(Worker w) {
+                retire(w, "it served its " + settings.maxTasksPerWorker() + " tasks");
+            }
+        });
+    }
+
+    /** Takes up to n slots not in use into use. Under lock. */
+    private List<Slot> takeSlots(int n) {
+        List<Slot> taken = new ArrayList<>();
+        for (Slot s : slots) {
+            if (taken.size() >= n) {
+                break;
+            }
+            if (!s.inUse) {
+                s.inUse = true;
+                s.failures = 0;
+                taken.add(s);
+            }
+        }
+        return taken;
+    }
+
+    /** The slots in use that have not given up: each holds a worker, or one starting. Under lock. */
+    private int usable() {
+        return (int) Arrays.stream(slots).filter(s -> s.inUse && s.gaveUp == null).count();
     }
 
     /**
@@ -73,8 +110,12 @@ final class Supervisor {
      * @throws VexelException when the workers cannot start; the caller closes the pool
      */
     void startAll() {
+        List<Slot> first;
+        synchronized (lock) {
+            first = takeSlots(settings.minWorkers());
+        }
         if (starter.remote()) {
-            for (Slot slot : slots) {
+            for (Slot slot : first) {
                 launchAndWait(slot);
                 synchronized (lock) {
                     if (refused != null) {
@@ -83,14 +124,14 @@ final class Supervisor {
                 }
             }
             synchronized (lock) {
-                if (noSlotLeft()) {
-                    throw new VexelException("no worker could be started: " + slots[slots.length - 1].gaveUp);
+                if (!first.isEmpty() && usable() == 0) {
+                    throw new VexelException("no worker could be started: " + gaveUp);
                 }
             }
             return;
         }
         List<CompletableFuture<Worker>> started = new ArrayList<>();
-        for (Slot slot : slots) {
+        for (Slot slot : first) {
             started.add(CompletableFuture.supplyAsync(() -> starter.startLocal(slot), starters));
         }
         try {
@@ -177,7 +218,6 @@ final class Supervisor {
      */
     private void launchFailed(Slot slot, String why, boolean refusal) {
         boolean again;
-        boolean none;
         int failures;
         synchronized (lock) {
             slot.launched = null;
@@ -189,12 +229,12 @@ final class Supervisor {
             again = !refusal && failures < Slot.FAILED_LAUNCHES;
             if (!again) {
                 slot.gaveUp = why;
+                gaveUp = why;
                 if (refusal) {
                     refused = why;
                 }
                 lock.notifyAll();
             }
-            none = noSlotLeft();
         }
         if (again) {
             long pause = starter.remote() ? 0 : RETRY_MILLIS << (failures - 1);
@@ -209,9 +249,116 @@ final class Supervisor {
         }
         PoolLog.log(Level.ERROR, "worker slot " + slot.index + (refusal ? " gave up: " : " gave up after "
                 + Slot.FAILED_LAUNCHES + " launches in a row ended before they were ready: ") + why);
-        if (none) {
-            // No worker will ever take what waits: it fails with the last reason.
-            dispatch.failWaiting(new VexelException("no worker could be started: " + why));
+        // Another slot takes up what waits; when none can, it fails with this reason.
+        balance(0);
+    }
+
+    /**
+     * Brings the pool's size to what it should be now: at least its least,
+     * and {@code wanted} when that is more, never past its most; and one
+     * more worker for each request that waits in line with no worker
+     * starting for it. When requests wait and no slot is usable or can be
+     * taken into use, they fail with the reason the last slot gave up for.
+     */
+    private void balance(int wanted) {
+        int waiting = dispatch.waitingCount();
+        List<Slot> launch;
+        String stranded = null;
+        synchronized (lock) {
+            if (closed) {
+                return;
+            }
+            int inUse = 0;
+            int starting = 0;
+            for (Slot s : slots) {
+                if (s.inUse) {
+                    inUse++;
+                    if (s.gaveUp == null && (s.worker == null || !s.worker.serving())) {
+                        starting++;
+                    }
+                }
+            }
+            int max = slots.length;
+            int more = Math.max(Math.max(settings.minWorkers(), Math.min(wanted, max)) - inUse,
+                    Math.min(waiting - starting, max - inUse));
+            launch = refused != null ? List.of() : takeSlots(more);
+            if (waiting > 0 && launch.isEmpty() && usable() == 0) {
+                stranded = refused != null ? refused : gaveUp;
+            }
+        }
+        for (Slot slot : launch) {
+            launchInto(slot);
+        }
+        if (stranded != null) {
+            // No worker will ever take what waits.
+            dispatch.failWaiting(new VexelException("no worker could be started: " + stranded));
+        }
+    }
+
+    /** Launches a worker into a slot just taken into use, on a starter thread. */
+    private void launchInto(Slot slot) {
+        if (!starter.remote()) {
+            startLocal(slot, 0, null);
+            return;
+        }
+        synchronized (lock) {
+            if (closed) {
+                return;
+            }
+            starting++;
+        }
+        try {
+            starters.execute(() -> {
+                try {
+                    launchAndWait(slot);
+                } finally {
+                    startingDone();
+                }
+            });
+        } catch (java.util.concurrent.RejectedExecutionException e) {
+            // closed meanwhile
+            startingDone();
+        }
+    }
+
+    /**
+     * Ends a worker that the pool no longer needs (idle, or done with its
+     * share of tasks), on a thread of its own: it is taken out of the pool
+     * already, and it ends as a close ends it. Its slot goes free when it
+     * has, or is filled again while the pool is below its least.
+     */
+    private void retire(Worker w, String why) {
+        w.retired = why;
+        try {
+            starters.execute(() -> w.stop(why, settings.graceTime()));
+        } catch (java.util.concurrent.RejectedExecutionException e) {
+            // closed meanwhile: the close ends it
+        }
+    }
+
+    /**
+     * Ends the workers that have been free for the idle timeout, the longest
+     * free first, while more than the pool's least exist.
+     */
+    void endIdle() {
+        long now = System.nanoTime();
+        long timeout = settings.idleTimeout().toNanos();
+        int exist;
+        synchronized (lock) {
+            if (closed) {
+                return;
+            }
+            exist = (int) Arrays.stream(slots).filter(s -> s.inUse && s.gaveUp == null
+                    && (s.worker == null || s.worker.retired == null)).count();
+        }
+        for (Worker w : dispatch.idleWorkers()) {
+            if (exist <= settings.minWorkers()) {
+                return;
+            }
+            if (now - w.idleSince >= timeout && dispatch.takeIdle(w)) {
+                exist--;
+                retire(w, "it was idle for " + Task.seconds(settings.idleTimeout()));
+            }
         }
     }
 
@@ -277,15 +424,15 @@ final class Supervisor {
         }
     }
 
-    /** Whether every slot gave up. Under lock. */
-    private boolean noSlotLeft() {
-        return Arrays.stream(slots).allMatch(s -> s.gaveUp != null);
-    }
-
-    /** A worker ended: a new worker takes its place. */
-    private void lost(Worker w, WorkerLostException e) {
+    /**
+     * A worker ended: its task runs again or fails, and a new worker takes
+     * its slot while the pool is below its least; else the slot goes free,
+     * and the pool's size follows what waits.
+     */
+    private void lost(Worker w, WorkerLostException e, Task task) {
         Slot slot = slots[w.slot];
         boolean replace;
+        boolean free = false;
         synchronized (lock) {
             if (slot.worker == w) {
                 slot.worker = null;
@@ -294,11 +441,19 @@ final class Supervisor {
             // A worker that never became ready is not replaced here: its start failed.
             replace = !closed && w.ready;
             if (replace) {
-                starting++;
+                free = usable() > settings.minWorkers();
+                if (free) {
+                    slot.inUse = false;
+                } else {
+                    starting++;
+                }
             }
         }
         dispatch.forget(w);
         starter.forget(w);
+        if (task != null) {
+            dispatch.lost(task, w, e);
+        }
         Session s = w.session;
         if (s != null) {
             s.lost(e);
@@ -306,7 +461,15 @@ final class Supervisor {
         if (!replace) {
             return;
         }
-        PoolLog.log(Level.WARNING, "worker " + w.name() + " lost: " + e.getMessage());
+        if (w.retired != null) {
+            PoolLog.log(Level.INFO, "worker " + w.name() + " ended: " + w.retired);
+        } else {
+            PoolLog.log(Level.WARNING, "worker " + w.name() + " lost: " + e.getMessage());
+        }
+        if (free) {
+            balance(0);
+            return;
+        }
         if (starter.remote()) {
             launchAndWait(slot);
         } else {
@@ -325,6 +488,8 @@ final class Supervisor {
     /** Whether at least n workers are ready, waiting at most that long; false when fewer ever can be. */
     boolean awaitWorkers(int n, Duration timeout) {
         long deadline = System.nanoTime() + timeout.toNanos();
+        // What is missing for n is launched, up to the pool's most.
+        balance(n);
         synchronized (lock) {
             while (true) {
                 int ready = 0;
@@ -334,6 +499,7 @@ final class Supervisor {
                         ready++;
                     }
                     if (s.gaveUp == null) {
+                        // in use, or free to be taken into use
                         able++;
                     }
                 }
@@ -354,10 +520,10 @@ final class Supervisor {
         }
     }
 
-    /** One state per slot, in slot order. */
+    /** One state per slot in use, in slot order. */
     List<WorkerState> workerStates() {
         synchronized (lock) {
-            return Arrays.stream(slots).map(Slot::state).toList();
+            return Arrays.stream(slots).filter(s -> s.inUse).map(Slot::state).toList();
         }
     }
 
@@ -373,7 +539,7 @@ final class Supervisor {
         for (Worker w : workers()) {
             long rss = w.residentBytes();
             if (rss > settings.memoryLimit() && w.alive()) {
-                w.kill("memory limit of " + (settings.memoryLimit() >> 20) + " MiB passed");
+                w.killForTask("memory limit of " + (settings.memoryLimit() >> 20) + " MiB passed");
             }
         }
     }

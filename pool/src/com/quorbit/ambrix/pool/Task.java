@@ -19,7 +19,11 @@ final class Task {
      * session's close on another thread may have changed.
      */
     final boolean pooled;
+    /** How many more runs the task gets when its worker is lost through no fault of its own. */
+    final int retries;
     final TaskFuture<Object> future = new TaskFuture<>(this);
+    /** Each lost run's worker and reason, oldest first. Guarded by itself. */
+    final java.util.List<String> lostRuns = new java.util.ArrayList<>();
     /** The worker the task was sent to, once it was. */
     volatile Worker worker;
     /** A caller waiting for the task to be sent, so that it reads the answer itself; or null. */
@@ -28,8 +32,9 @@ final class Task {
     volatile boolean limitPassed;
 
     /** A task whose frame holds its header; the payload is added to {@link #frame}. */
-    Task(long id, byte kind, Duration limit, boolean resetAfter, boolean pooled) {
+    Task(long id, byte kind, Duration limit, boolean resetAfter, boolean pooled, int retries) {
         this.id = id;
+        this.retries = retries;
         this.kind = kind;
         this.frame = new Wire.Writer(kind, id);
         this.limit = limit;
@@ -52,7 +57,7 @@ final class Task {
                 java.util.List<String> output = values.strings();
                 Duration elapsed = Duration.ofNanos(values.number());
                 java.util.List<String> plots = values.strings();
-                Object outcome = kind == Wire.CALL ? value : new Result(text, value, output, elapsed, plots);
+                Object outcome = kind == Wire.CALL ? value : new Result(text, value, output, elapsed, plots, runs());
                 return () -> future.complete(outcome);
             }
             case Wire.ERROR -> {
@@ -70,6 +75,33 @@ final class Task {
             }
             default -> throw new Wire.WireException("malformed frame: an answer of kind " + reply.kind());
         }
+    }
+
+    /** The runs the task has taken so far, the one now included. */
+    int runs() {
+        synchronized (lostRuns) {
+            return lostRuns.size() + 1;
+        }
+    }
+
+    /**
+     * Its worker was lost while it ran: the run is noted, and the task is
+     * made ready to run again when {@code again} allows it, runs are left
+     * and no one completed it meanwhile.
+     *
+     * @return null when it is to run again; else the failure to complete it with, naming every run
+     */
+    WorkerLostException lostRun(Worker w, WorkerLostException e, boolean again) {
+        java.util.List<String> runs;
+        synchronized (lostRuns) {
+            lostRuns.add(w.where() + ": " + e.reason());
+            if (again && lostRuns.size() <= retries && !future.isDone()) {
+                worker = null;
+                return null;
+            }
+            runs = java.util.List.copyOf(lostRuns);
+        }
+        return new WorkerLostException(e.reason(), e.lastLines(), runs);
     }
 
     /** A duration as "0.2 s". */

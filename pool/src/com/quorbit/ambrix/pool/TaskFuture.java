@@ -50,26 +50,39 @@ final class TaskFuture<T> extends CompletableFuture<T> {
      */
     private boolean awaitAnswer(Wait wait) {
         try {
-            Worker w = task.worker;
-            if (w == null && !isDone()) {
-                // In line for a worker: the worker that takes it unparks this thread.
-                task.waiting = Thread.currentThread();
-                try {
-                    while ((w = task.worker) == null && !isDone()) {
-                        long nanos = wait.next(TimeUnit.MILLISECONDS.toNanos(50));
-                        if (nanos == 0) {
-                            return true;
+            while (!isDone()) {
+                Worker w = task.worker;
+                if (w == null) {
+                    // In line for a worker: the worker that takes it unparks this thread.
+                    task.waiting = Thread.currentThread();
+                    try {
+                        while ((w = task.worker) == null && !isDone()) {
+                            long nanos = wait.next(TimeUnit.MILLISECONDS.toNanos(50));
+                            if (nanos == 0) {
+                                return true;
+                            }
+                            if (wait.interrupted()) {
+                                return false;
+                            }
+                            LockSupport.parkNanos(this, nanos);
                         }
-                        if (wait.interrupted()) {
-                            return false;
-                        }
-                        LockSupport.parkNanos(this, nanos);
+                    } finally {
+                        task.waiting = null;
                     }
-                } finally {
-                    task.waiting = null;
+                }
+                if (isDone()) {
+                    return true;
+                }
+                if (!w.awaitAnswer(task, wait)) {
+                    return false;
+                }
+                if (task.worker == w || wait.next(1) == 0) {
+                    // Answered, or read by another thread, or the time is up; a task lost with its
+                    // worker and sent again is waited for on its new worker.
+                    return true;
                 }
             }
-            return isDone() || w.awaitAnswer(task, wait);
+            return true;
         } finally {
             wait.end();
         }

@@ -37,7 +37,7 @@ final class Timers implements AutoCloseable {
             if (w.limitPassed(task)) {
                 schedule(grace, () -> {
                     if (w.runs(task)) {
-                        w.kill("killed after the time limit of " + Task.seconds(task.limit) + " passed and a grace of "
+                        w.killForTask("killed after the time limit of " + Task.seconds(task.limit) + " passed and a grace of "
                                 + Task.seconds(grace));
                     }
                 });

@@ -20,8 +20,11 @@ final class Worker {
         /** A task's answer came and completed it. */
         void answered(Worker w, Task task);
 
-        /** The worker ended; its task, if any, has failed with this. */
-        void lost(Worker w, WorkerLostException e);
+        /**
+         * The worker ended, with this reason; the task it ran then, or null,
+         * is not completed yet: it runs again or fails.
+         */
+        void lost(Worker w, WorkerLostException e, Task task);
     }
 
     private final Events events;
@@ -45,6 +48,14 @@ final class Worker {
     private final AtomicBoolean ended = new AtomicBoolean();
     /** Why the pool ended the worker, or what killed it; null while it lives. */
     private volatile String reason;
+    /** Set when the pool killed it for its task's own limit: the task does not run again. */
+    private volatile boolean tasksFault;
+    /** Why the pool ended it by its own choice (idle, or done its tasks), or null: it is not lost then. */
+    volatile String retired;
+    /** When it last became free for a task (System.nanoTime). */
+    volatile long idleSince = System.nanoTime();
+    /** The tasks and sessions it has served. */
+    final java.util.concurrent.atomic.AtomicInteger served = new java.util.concurrent.atomic.AtomicInteger();
     /** The task on the worker now, or null. Written holding this. */
     private volatile Task current;
     /** The session the worker serves, or null. */
@@ -85,6 +96,14 @@ final class Worker {
 
     long pid() {
         return launched.pid();
+    }
+
+    /** Where it runs, for a task's record of its runs: "on c1 (job 12)", or "(pid 4242)" here. */
+    String where() {
+        String host = launched.host();
+        String job = launched.job();
+        String name = job != null ? "job " + job : "pid " + launched.pid();
+        return host != null && job != null ? "on " + host + " (" + name + ")" : "(" + name + ")";
     }
 
     /** The task on the worker now, or null. */
@@ -193,6 +212,29 @@ final class Worker {
         answers.stop();
     }
 
+    /**
+     * Ends the worker at once for its task's own doing (its time or memory
+     * limit passed): the task does not run again.
+     */
+    void killForTask(String why) {
+        tasksFault = true;
+        kill(why);
+    }
+
+    /**
+     * Whether the worker ended through its task's own doing: the pool
+     * killed it for the task's limit, its kernel crashed (a fatal signal
+     * from inside: another run would repeat it), or its scheduler ended it
+     * for the memory it took.
+     */
+    boolean endedByTask() {
+        String why = reason;
+        return tasksFault || why != null && CRASH.matcher(why).find();
+    }
+
+    private static final java.util.regex.Pattern CRASH = java.util.regex.Pattern.compile(
+            "\\((SIGSEGV|SIGBUS|SIGILL|SIGFPE|SIGABRT)\\)|\\(OUT_OF_MEMORY\\)");
+
     /** Ends the worker at once (SIGKILL, or its scheduler's equivalent); the first reason given stands. */
     void kill(String why) {
         if (why != null && reason == null) {
@@ -285,7 +327,7 @@ final class Worker {
         events.answered(this, task);
     }
 
-    /** The input ended: the worker has, or will in a moment; its task fails, and its end is reported. */
+    /** The input ended: the worker has, or will in a moment; its end is reported with its task. */
     void ended() {
         if (!ended.compareAndSet(false, true)) {
             return;
@@ -315,11 +357,7 @@ final class Worker {
             task = current;
             current = null;
         }
-        WorkerLostException lost = lostException();
-        if (task != null) {
-            task.future.completeExceptionally(lost);
-        }
-        events.lost(this, lost);
+        events.lost(this, lostException(), task);
     }
 
     /**

@@ -388,7 +388,7 @@ class PeerTest {
     /** A remote worker whose connection resets is lost at once, and the reason says so. */
     @Test
     void aResetConnectionIsALossAtOnceThatSaysSo() throws Exception {
-        try (EnginePool p = EnginePool.builder().workers(1).launcher(new TcpLocal())
+        try (EnginePool p = EnginePool.builder().workers(1).launcher(new TcpLocal()).retries(0)
                 .kernelArguments("-q", "--test-hooks").build()) {
             assertTrue(p.awaitWorkers(1, Duration.ofSeconds(60)), "no worker connected");
             CompletableFuture<Result> spinning = p.submit("spin();");
