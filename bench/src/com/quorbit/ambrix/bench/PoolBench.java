@@ -185,6 +185,7 @@ final class PoolBench {
         throughput(engine, smoke, cores);
         starts(smoke, cores);
         SlurmBench.run(engine, smoke, cores);
+        SizingBench.run(smoke, cores);
     }
 
     /** A kernel loop of about 50 ms on this machine (a short one for smoke runs). */

@@ -461,7 +461,9 @@ public final class EnginePool implements AutoCloseable {
 
     /**
      * Waits until at least n workers are ready (free or busy): remote ones
-     * may wait in their scheduler's queue first.
+     * may wait in their scheduler's queue first. A pool of
+     * {@code workers(min, max)} launches what is missing for n first, up to
+     * max; those beyond min end again after the idle timeout.
      *
      * @param n       how many
      * @param timeout how long at most
@@ -473,10 +475,12 @@ public final class EnginePool implements AutoCloseable {
     }
 
     /**
-     * A snapshot of every worker slot: where its worker runs, its job, and
-     * what it does.
+     * A snapshot of every worker slot in use: where its worker runs, its
+     * job, and what it does. A pool of {@code workers(min, max)} uses a
+     * slot while it holds a worker or one starting (and a slot that gave up
+     * stays {@code LOST}); its other slots are not listed.
      *
-     * @return one state per slot, in slot order
+     * @return one state per slot in use, in slot order
      */
     public java.util.List<WorkerState> workerStates() {
         return supervisor.workerStates();
