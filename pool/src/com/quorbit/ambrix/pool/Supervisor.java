@@ -297,10 +297,18 @@ final class Supervisor {
 
     /** Launches a worker into a slot just taken into use, on a starter thread. */
     private void launchInto(Slot slot) {
-        if (!starter.remote()) {
+        if (starter.remote()) {
+            underWay(() -> launchAndWait(slot));
+        } else {
             startLocal(slot, 0, null);
-            return;
         }
+    }
+
+    /**
+     * Runs a start on a starter thread, unless the pool has closed; it
+     * counts as a start under way, which a close waits for, until it returns.
+     */
+    private void underWay(Runnable start) {
         synchronized (lock) {
             if (closed) {
                 return;
@@ -310,7 +318,7 @@ final class Supervisor {
         try {
             starters.execute(() -> {
                 try {
-                    launchAndWait(slot);
+                    start.run();
                 } finally {
                     startingDone();
                 }
@@ -370,38 +378,22 @@ final class Supervisor {
      * @param replaced the worker it replaces, for the log; null for a launch after a failed one
      */
     private void startLocal(Slot slot, long pauseMillis, Worker replaced) {
-        synchronized (lock) {
-            if (closed) {
+        underWay(() -> {
+            if (!pause(pauseMillis)) {
                 return;
             }
-            starting++;
-        }
-        try {
-            starters.execute(() -> {
-                try {
-                    if (!pause(pauseMillis)) {
-                        return;
-                    }
-                    Worker fresh;
-                    try {
-                        fresh = starter.startLocal(slot);
-                    } catch (RuntimeException e) {
-                        launchFailed(slot, String.valueOf(e.getMessage()), false);
-                        return;
-                    }
-                    if (replaced != null) {
-                        PoolLog.log(Level.INFO, "worker " + fresh.name() + " replaced worker "
-                                + replaced.name());
-                    }
-                    admit(fresh);
-                } finally {
-                    startingDone();
-                }
-            });
-        } catch (java.util.concurrent.RejectedExecutionException e) {
-            // closed meanwhile
-            startingDone();
-        }
+            Worker fresh;
+            try {
+                fresh = starter.startLocal(slot);
+            } catch (RuntimeException e) {
+                launchFailed(slot, String.valueOf(e.getMessage()), false);
+                return;
+            }
+            if (replaced != null) {
+                PoolLog.log(Level.INFO, "worker " + fresh.name() + " replaced worker " + replaced.name());
+            }
+            admit(fresh);
+        });
     }
 
     /** Waits that long, or less when the pool closes; false when it did. */
