@@ -126,6 +126,13 @@ final class Dispatch {
         return true;
     }
 
+    /** The tasks in line now; session requests are left out. */
+    int queuedTasks() {
+        synchronized (lock) {
+            return (int) waiting.stream().filter(r -> r instanceof Task).count();
+        }
+    }
+
     /** A worker ended: it takes no more requests. */
     void forget(Worker w) {
         synchronized (lock) {
