@@ -37,6 +37,8 @@ final class Dispatch {
     }
 
     private volatile Sizing sizing;
+    /** Where the tasks run again are counted. */
+    private final PoolCounters counters;
     private final Object lock = new Object();
     /** Tasks and session requests (a CompletableFuture of the worker) in line. Guarded by lock. */
     private final ArrayDeque<Object> waiting = new ArrayDeque<>();
@@ -47,7 +49,8 @@ final class Dispatch {
     private boolean closed;
     private boolean warnedAboutSessions;
 
-    Dispatch(Timers timers, Tasks tasks, int slots, int maxTasksPerWorker) {
+    Dispatch(Timers timers, Tasks tasks, int slots, int maxTasksPerWorker, PoolCounters counters) {
+        this.counters = counters;
         this.timers = timers;
         this.tasks = tasks;
         this.slots = slots;
@@ -106,6 +109,7 @@ final class Dispatch {
             task.future.completeExceptionally(failure);
             return;
         }
+        counters.retried();
         PoolLog.log(Level.INFO, "task " + task.id + " lost with worker " + w.name() + " (" + e.reason()
                 + "); running it again, run " + task.runs() + " of " + (task.retries + 1));
         dispatch(task, true);
@@ -198,6 +202,13 @@ final class Dispatch {
         }
         release(w);
         return true;
+    }
+
+    /** The tasks in line now; session requests are left out. */
+    int queuedTasks() {
+        synchronized (lock) {
+            return (int) waiting.stream().filter(r -> r instanceof Task).count();
+        }
     }
 
     /** A worker ended: it takes no more requests. */

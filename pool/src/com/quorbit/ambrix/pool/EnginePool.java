@@ -42,6 +42,13 @@ import java.util.concurrent.CompletableFuture;
  * connect back over TCP, proving that they hold the pool's secret; see
  * {@link Builder#launcher}.
  *
+ * <p>{@link #stats()} tells how many workers the pool holds, how many are
+ * free or busy, how many tasks wait, and how many completed, failed or were
+ * lost with their worker; the pool's JMX bean
+ * ({@code com.quorbit.ambrix:type=EnginePool,name=}{@link Builder#name NAME}
+ * in the platform MBean server, see {@link EnginePoolMXBean}) shows the
+ * same to {@code jconsole} and other JMX clients while the pool is open.
+ *
  * <p>A thread that waits for a task's future with {@code join} or
  * {@code get} reads the worker's answer itself, so the answer wakes it
  * directly. A caller's interrupt status never harms a worker: {@code join}
@@ -56,25 +63,33 @@ public final class EnginePool implements AutoCloseable {
     private final Tasks tasks;
     private final Dispatch dispatch;
     private final Supervisor supervisor;
+    private final PoolCounters counters = new PoolCounters();
+    /** The pool's JMX bean, registered before any worker is launched; null until then. */
+    private volatile PoolBean bean;
     private final java.util.concurrent.atomic.AtomicBoolean closed = new java.util.concurrent.atomic.AtomicBoolean();
 
     private EnginePool(PoolSettings settings) {
         this.settings = settings;
         timers = new Timers(settings.graceTime());
-        tasks = new Tasks(settings);
-        dispatch = new Dispatch(timers, tasks, settings.maxWorkers(), settings.maxTasksPerWorker());
+        tasks = new Tasks(settings, counters);
+        dispatch = new Dispatch(timers, tasks, settings.maxWorkers(), settings.maxTasksPerWorker(), counters);
         try {
-            supervisor = new Supervisor(settings, dispatch, tasks);
+            supervisor = new Supervisor(settings, dispatch, tasks, counters);
         } catch (RuntimeException e) {
             timers.close();
             throw e;
         }
     }
 
-    /** A pool with these settings, its workers started (local ones) or submitted (remote ones). */
-    private static EnginePool start(PoolSettings settings) {
+    /**
+     * A pool with these settings, its bean registered under that name (null
+     * for the next default one), its workers started (local ones) or
+     * submitted (remote ones).
+     */
+    private static EnginePool start(PoolSettings settings, String name) {
         EnginePool pool = new EnginePool(settings);
         try {
+            pool.bean = PoolBean.register(name, pool::stats);
             pool.supervisor.startAll();
         } catch (RuntimeException e) {
             try {
@@ -123,8 +138,27 @@ public final class EnginePool implements AutoCloseable {
         private Launcher launcher = Launcher.local();
         private String listenAddress;
         private Duration heartbeatTimeout = Duration.ofSeconds(10);
+        private String name;
 
         private Builder() {
+        }
+
+        /**
+         * The pool's name, under which its JMX bean is registered:
+         * {@code com.quorbit.ambrix:type=EnginePool,name=NAME}. By default
+         * {@code pool-N}, N counting the pools of this JVM built without a
+         * name, from 1 (a name that an open pool holds is skipped). The name
+         * goes into the object name as it is, never quoted, so it must do
+         * without {@code , = : " * ?} and line breaks. Two open pools of one
+         * JVM cannot share a name: the second one's {@link #build()} fails.
+         *
+         * @param name not blank, and usable unquoted in a JMX object name
+         * @return this builder
+         */
+        public Builder name(String name) {
+            PoolBean.objectName(name);
+            this.name = name;
+            return this;
         }
 
         /**
@@ -367,11 +401,13 @@ public final class EnginePool implements AutoCloseable {
          * @return the pool
          * @throws VexelException when a local worker does not start, or no
          *         remote one can be submitted, with the reason
+         * @throws IllegalStateException when an open pool of this JVM has
+         *         the {@link #name(String) name} already
          */
         public EnginePool build() {
             return EnginePool.start(new PoolSettings(minWorkers, maxWorkers, idleTimeout, maxTasksPerWorker, retries,
                     kernelArguments, initialize, timeLimit, graceTime,
-                    memoryLimit, javaOptions, resetEveryTask, launcher, listenAddress, heartbeatTimeout));
+                    memoryLimit, javaOptions, resetEveryTask, launcher, listenAddress, heartbeatTimeout), name);
         }
 
         private static Duration positive(Duration d, String what) {
@@ -487,6 +523,27 @@ public final class EnginePool implements AutoCloseable {
     }
 
     /**
+     * The pool's figures now: its workers, its line of tasks, and what it
+     * has done since its build. Its JMX bean ({@link EnginePoolMXBean})
+     * shows the same.
+     *
+     * @return a snapshot
+     */
+    public PoolStats stats() {
+        return counters.stats(supervisor.heldSlots(), dispatch.queuedTasks());
+    }
+
+    /**
+     * The pool's name, as its JMX bean's object name holds it:
+     * {@code com.quorbit.ambrix:type=EnginePool,name=NAME}.
+     *
+     * @return the name given to its builder, or the default one
+     */
+    public String name() {
+        return bean.name();
+    }
+
+    /**
      * The process ids of the workers alive now, on this machine; workers of
      * another launcher (a cluster's jobs) have none here: see
      * {@link #workerStates()}.
@@ -500,15 +557,23 @@ public final class EnginePool implements AutoCloseable {
     /**
      * Fails the tasks still running or queued with "pool closed", and ends
      * every worker: its input is closed, and after the grace time it is
-     * killed. Returns once no worker is left. A second close does nothing.
+     * killed. Returns once no worker is left, its JMX bean unregistered and
+     * its name free again. A second close does nothing.
      */
     @Override
     public void close() {
         if (!closed.compareAndSet(false, true)) {
             return;
         }
-        dispatch.close();
-        supervisor.close();
-        timers.close();
+        try {
+            dispatch.close();
+            supervisor.close();
+            timers.close();
+        } finally {
+            PoolBean b = bean;
+            if (b != null) {
+                b.unregister();
+            }
+        }
     }
 }

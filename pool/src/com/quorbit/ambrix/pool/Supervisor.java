@@ -60,9 +60,13 @@ final class Supervisor {
         }
     };
 
-    Supervisor(PoolSettings settings, Dispatch dispatch, Tasks tasks) {
+    /** Where lost workers are counted. */
+    private final PoolCounters counters;
+
+    Supervisor(PoolSettings settings, Dispatch dispatch, Tasks tasks, PoolCounters counters) {
         this.settings = settings;
         this.dispatch = dispatch;
+        this.counters = counters;
         slots = new Slot[settings.maxWorkers()];
         for (int i = 0; i < slots.length; i++) {
             slots[i] = new Slot(i);
@@ -456,6 +460,7 @@ final class Supervisor {
         if (w.retired != null) {
             PoolLog.log(Level.INFO, "worker " + w.name() + " ended: " + w.retired);
         } else {
+            counters.lostWorker();
             PoolLog.log(Level.WARNING, "worker " + w.name() + " lost: " + e.getMessage());
         }
         if (free) {
@@ -516,6 +521,14 @@ final class Supervisor {
     List<WorkerState> workerStates() {
         synchronized (lock) {
             return Arrays.stream(slots).filter(s -> s.inUse).map(Slot::state).toList();
+        }
+    }
+
+    /** The status of each slot that holds a worker, starting or alive: those empty or given up are left out. */
+    List<WorkerState.Status> heldSlots() {
+        synchronized (lock) {
+            return Arrays.stream(slots).filter(s -> s.worker != null || s.launched != null)
+                    .map(s -> s.state().status()).toList();
         }
     }
 

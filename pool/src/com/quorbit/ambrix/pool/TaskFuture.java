@@ -1,5 +1,7 @@
 package com.quorbit.ambrix.pool;
 
+import java.lang.invoke.MethodHandles;
+import java.lang.invoke.VarHandle;
 import java.util.concurrent.CompletableFuture;
 import java.util.concurrent.ExecutionException;
 import java.util.concurrent.TimeUnit;
@@ -13,10 +15,48 @@ import java.util.concurrent.locks.LockSupport;
  * would then wake it. Otherwise it behaves as any {@link CompletableFuture}.
  */
 final class TaskFuture<T> extends CompletableFuture<T> {
+    private static final VarHandle COUNTERS;
+
+    static {
+        try {
+            COUNTERS = MethodHandles.lookup().findVarHandle(TaskFuture.class, "counters", PoolCounters.class);
+        } catch (ReflectiveOperationException e) {
+            throw new ExceptionInInitializerError(e);
+        }
+    }
+
     private final Task task;
+    /**
+     * Where the task's outcome is counted, or null for a task not counted;
+     * the completion that takes it counts, so a task counts once.
+     */
+    private volatile PoolCounters counters;
 
     TaskFuture(Task task) {
         this.task = task;
+    }
+
+    /** The task's outcome is to be counted there; set before the task is sent or put in line. */
+    void countIn(PoolCounters c) {
+        counters = c;
+    }
+
+    /**
+     * Counts the outcome of a completion about to happen, before it
+     * happens, so that a caller who sees the future done sees it counted.
+     */
+    private void count(boolean answered) {
+        if (isDone()) {
+            return;
+        }
+        PoolCounters c = (PoolCounters) COUNTERS.getAndSet(this, (PoolCounters) null);
+        if (c != null) {
+            if (answered) {
+                c.completed();
+            } else {
+                c.failed();
+            }
+        }
     }
 
     @Override
@@ -92,16 +132,19 @@ final class TaskFuture<T> extends CompletableFuture<T> {
 
     @Override
     public boolean complete(T value) {
+        count(true);
         return woke(super.complete(value));
     }
 
     @Override
     public boolean completeExceptionally(Throwable e) {
+        count(false);
         return woke(super.completeExceptionally(e));
     }
 
     @Override
     public boolean cancel(boolean mayInterruptIfRunning) {
+        count(false);
         return woke(super.cancel(mayInterruptIfRunning));
     }
 

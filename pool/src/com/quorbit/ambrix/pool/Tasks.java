@@ -9,9 +9,12 @@ import java.util.concurrent.atomic.AtomicLong;
 final class Tasks {
     private final AtomicLong ids = new AtomicLong();
     private final PoolSettings settings;
+    /** Where the outcomes of statements and calls are counted. */
+    private final PoolCounters counters;
 
-    Tasks(PoolSettings settings) {
+    Tasks(PoolSettings settings, PoolCounters counters) {
         this.settings = settings;
+        this.counters = counters;
     }
 
     /** A new task of that kind; its frame holds the header, and the caller adds the payload. */
@@ -28,6 +31,7 @@ final class Tasks {
         }
         Task t = task(Wire.EVAL, limit, pooled && settings.resetEveryTask(), pooled);
         t.frame.string(statement);
+        t.future.countIn(counters);
         return sized(t, "Statement");
     }
 
@@ -37,6 +41,7 @@ final class Tasks {
         }
         Task t = task(Wire.CALL, limit, pooled && settings.resetEveryTask(), pooled);
         t.frame.string(procedure).value(Arrays.asList(args == null ? new Object[0] : args));
+        t.future.countIn(counters);
         return sized(t, "Call");
     }
 

@@ -127,6 +127,7 @@ class LocalWorkersTest {
                 assertTrue(e.getMessage().startsWith("no worker could be started: ")
                         && e.getMessage().contains("NoSuchAmbrixOption"), e.getMessage());
                 assertEquals(List.of(WorkerState.Status.LOST), statuses(p));
+                assertEquals(0, p.stats().workers(), "a slot that gave up holds a worker");
                 assertFalse(p.awaitWorkers(1, Duration.ofSeconds(5)), "a slot that gave up has a worker");
             }
             assertEquals(1 + failing + (recovers ? 1 : 0), launcher.began.size());
