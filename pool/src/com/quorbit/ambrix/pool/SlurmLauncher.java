@@ -262,6 +262,8 @@ public final class SlurmLauncher implements Launcher {
         ProcessBuilder builder = new ProcessBuilder(sbatchCommand(launch)).redirectErrorStream(false);
         // The secret reaches the job through its environment (sbatch exports this one), never a command line.
         builder.environment().putAll(launch.environment());
+        // The worker may leave why it could not reach the pool in its job's comment.
+        builder.environment().put(Unreachable.TELL_JOB, "1");
         SlurmJobs.Answer result;
         try {
             result = SlurmJobs.run(builder, script(launch), settings.commandTimeout);

@@ -12,13 +12,15 @@ import java.time.Duration;
  * to head:40123: No route to host; set listenAddress to an address the
  * nodes reach". A local worker's pool reads that line. A Slurm job's output
  * goes to {@code /dev/null} unless set, and even when set, the head need
- * not see the nodes' files: so a worker that runs as a Slurm job also
- * writes the line into its own job's comment ({@code scontrol update
- * JobId=$SLURM_JOB_ID Comment=...}, which Slurm lets a user do for their
- * own jobs), before it exits. The comment lives in the controller, so the
- * pool reads it back with the job's final state from the same {@code
- * squeue} it watches its jobs with, whatever the file systems: a job that
- * ends with such a comment ends with the worker's words.
+ * not see the nodes' files: so a worker that runs as a job of a
+ * {@link SlurmLauncher} also writes the line into its own job's comment
+ * ({@code scontrol update JobId=$SLURM_JOB_ID Comment=...}, which Slurm
+ * lets a user do for their own jobs), before it exits. The comment lives in
+ * the controller, so the pool reads it back with the job's final state from
+ * the same {@code squeue} it watches its jobs with (or from {@code scontrol
+ * show job}, as long as the controller keeps the ended job), whatever the
+ * file systems, and with no accounting database, which {@code sacct} would
+ * need: a job that ends with such a comment ends with the worker's words.
  */
 final class Unreachable {
     /** How every such line begins, and how the pool tells a comment of ours from a user's. */
@@ -26,6 +28,12 @@ final class Unreachable {
     /** The longest comment a worker leaves, and the longest error of its own in it. */
     static final int MAX_COMMENT = 400;
     private static final int MAX_ERROR = 200;
+    /**
+     * Set in the environment of the jobs of a {@link SlurmLauncher}, so
+     * that only they write their comment: a worker of another launcher may
+     * run inside a Slurm job that is not its own (a pool's own allocation).
+     */
+    static final String TELL_JOB = "AMBRIX_WORKER_IS_SLURM_JOB";
     /** How long the worker waits for scontrol before it exits all the same. */
     private static final Duration SCONTROL_LIMIT = Duration.ofSeconds(15);
 
@@ -70,14 +78,14 @@ final class Unreachable {
     }
 
     /**
-     * In a worker that runs as a Slurm job: leaves the line as its job's
-     * comment. scontrol runs with no shell between, the line one argument of
+     * In a worker that runs as a job of a {@link SlurmLauncher}: leaves the
+     * line as its job's comment. scontrol runs with no shell between, the line one argument of
      * it, so nothing in it is taken for anything but text; it is waited for
      * a bounded time, and a failure of it is only said.
      */
     static void tellJob(String line) {
         String job = System.getenv("SLURM_JOB_ID");
-        if (job == null || !job.matches("\\d+(_\\d+)?")) {
+        if (System.getenv(TELL_JOB) == null || job == null || !job.matches("\\d+(_\\d+)?")) {
             return;
         }
         try {
