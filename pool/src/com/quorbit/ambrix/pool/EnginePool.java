@@ -180,6 +180,12 @@ public final class EnginePool implements AutoCloseable {
         /**
          * The address that remote workers connect to, and that the pool
          * listens on (default: this host's name, listening on every address).
+         * The build logs both once. A worker that cannot connect there, or
+         * whose secret the pool refuses, says why: the log line of its
+         * launch, and the failure of what waits when no worker can start,
+         * name its host, the address it was given and its error ("the
+         * worker on c1 could not connect to head:40123: No route to host;
+         * set listenAddress to an address the nodes reach").
          *
          * @param address a host name or an IP address of this machine
          * @return this builder

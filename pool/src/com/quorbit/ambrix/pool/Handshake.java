@@ -37,6 +37,27 @@ final class Handshake {
     private static final int NONCE = 32, MAC = 32;
     private static final SecureRandom RANDOM = new SecureRandom();
 
+    /**
+     * A worker's secret that is missing, or that the pool refused: a fault
+     * of what the worker was given, which no other attempt mends.
+     */
+    static final class SecretException extends IOException {
+        private static final long serialVersionUID = 1L;
+
+        SecretException(String message) {
+            super(message);
+        }
+    }
+
+    /** The other side closed the connection before all of a message came. */
+    private static final class ClosedException extends IOException {
+        private static final long serialVersionUID = 1L;
+
+        ClosedException() {
+            super("the connection closed during the handshake");
+        }
+    }
+
     /** What an accepted connection proved it is for. */
     record Claim(long token, byte channel) {
     }
@@ -64,7 +85,7 @@ final class Handshake {
         } catch (IllegalArgumentException e) {
             // said below
         }
-        throw new IOException("no pool secret in " + SECRET_VARIABLE);
+        throw new SecretException("no pool secret in " + SECRET_VARIABLE);
     }
 
     private static byte[] random(int n) {
@@ -105,7 +126,8 @@ final class Handshake {
     /**
      * The worker's side, on a connection just made to the pool.
      *
-     * @throws IOException when the other side is no pool, or not the one that holds the secret
+     * @throws IOException when the other side is no pool; a {@link SecretException} when it refused the
+     *         worker's proof, or is not the one that holds the secret
      */
     static void connect(Socket socket, byte[] secret, long token, byte channel, int timeoutMillis) throws IOException {
         long deadline = System.nanoTime() + timeoutMillis * 1_000_000L;
@@ -123,9 +145,15 @@ final class Handshake {
         out.write(ByteBuffer.allocate(NONCE + 8 + 1 + MAC).put(workerNonce).putLong(token).put(channel)
                 .put(mac(secret, "worker", poolNonce, workerNonce, token, channel)).array());
         out.flush();
-        byte[] proof = read(socket, MAC, deadline);
+        byte[] proof;
+        try {
+            proof = read(socket, MAC, deadline);
+        } catch (ClosedException e) {
+            // The pool closes a connection whose proof is wrong without a word, so as to tell a stranger nothing.
+            throw new SecretException("the pool refused it (it closed the connection on the worker's proof)");
+        }
         if (!MessageDigest.isEqual(proof, mac(secret, "pool", poolNonce, workerNonce, token, channel))) {
-            throw new IOException("the pool did not prove that it holds the secret");
+            throw new SecretException("the pool did not prove that it holds the same secret");
         }
     }
 
@@ -146,7 +174,7 @@ final class Handshake {
                 throw new IOException("the handshake took too long");
             }
             if (r < 0) {
-                throw new IOException("the connection closed during the handshake");
+                throw new ClosedException();
             }
             got += r;
         }

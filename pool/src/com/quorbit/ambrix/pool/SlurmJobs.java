@@ -18,7 +18,9 @@ import java.util.concurrent.TimeUnit;
  * A {@link SlurmLauncher}'s jobs as Slurm sees them: each job's state and
  * node, polled with {@code squeue} by one thread, its end told by the last
  * state {@code scontrol} gives, and its cancelling with {@code scancel};
- * and the running of Slurm's commands, each bounded in time.
+ * and the running of Slurm's commands, each bounded in time. A job whose
+ * worker could not reach the pool ends with the worker's words, which it
+ * left in the job's comment ({@link Unreachable}).
  */
 final class SlurmJobs {
     /** How often a failing squeue is logged again, at most. */
@@ -134,7 +136,8 @@ final class SlurmJobs {
             long began = System.nanoTime();
             Answer r;
             try {
-                r = run("squeue", "-h", "-t", "all", "-o", "%i|%T|%N", "-n", "ambrix-worker");
+                // The comment last, whole: a worker that could not reach the pool leaves its reason there.
+                r = run("squeue", "-h", "-t", "all", "-o", "%i|%T|%N|%k", "-n", "ambrix-worker");
             } catch (IOException e) {
                 squeueFailed(e.getMessage());
                 continue;
@@ -146,8 +149,8 @@ final class SlurmJobs {
             squeueAnswered();
             Map<String, String[]> listed = new HashMap<>();
             for (String line : r.out().split("\n")) {
-                String[] f = line.strip().split("\\|", -1);
-                if (f.length == 3) {
+                String[] f = line.strip().split("\\|", 4);
+                if (f.length == 4) {
                     listed.put(f[0], f);
                 }
             }
@@ -159,7 +162,7 @@ final class SlurmJobs {
                         job.host = f[2];
                     }
                 } else if (f != null) {
-                    job.ended(f[1]);
+                    job.ended(new Final(f[1], f[3]));
                 } else if (job.submitted - began < 0) {
                     job.ended(lastState(job.id));
                 }
@@ -199,18 +202,33 @@ final class SlurmJobs {
                 || state.equals("COMPLETING") || state.equals("SIGNALING") || state.equals("STAGE_OUT"));
     }
 
-    /** A finished job's state, as scontrol gives it for some minutes after its end. */
-    private String lastState(String id) {
+    /**
+     * A finished job's state and comment, as scontrol gives them for some
+     * minutes after its end: the comment on a line of its own, whole.
+     */
+    private Final lastState(String id) {
+        String state = "state unknown";
+        String comment = null;
         try {
-            for (String word : run("scontrol", "show", "job", "-o", id).out().split("\\s+")) {
-                if (word.startsWith("JobState=")) {
-                    return word.substring(9);
+            for (String line : run("scontrol", "show", "job", id).out().split("\n")) {
+                String l = line.strip();
+                if (l.startsWith("Comment=")) {
+                    comment = l.substring(8);
+                }
+                for (String word : l.split("\\s+")) {
+                    if (word.startsWith("JobState=")) {
+                        state = word.substring(9);
+                    }
                 }
             }
         } catch (IOException e) {
             // unknown
         }
-        return "state unknown";
+        return new Final(state, comment);
+    }
+
+    /** A job's last state, and its comment: null, "(null)" or any text for none of a worker's. */
+    private record Final(String state, String comment) {
     }
 
     /** One job, as squeue last saw it. */
@@ -226,10 +244,11 @@ final class SlurmJobs {
             this.id = id;
         }
 
-        void ended(String finalState) {
+        void ended(Final last) {
             jobs.remove(id);
-            state = finalState;
-            ended.complete("Slurm job " + id + " ended (" + finalState + ")");
+            state = last.state();
+            String said = Unreachable.fromComment(last.comment());
+            ended.complete("Slurm job " + id + " ended (" + state + ")" + (said == null ? "" : ": " + said));
         }
 
         @Override

@@ -30,7 +30,12 @@ import java.util.Locale;
  *
  * <p>The launcher watches its jobs with {@code squeue}, and tells a job's
  * end by the state {@code scontrol} gives it ("Slurm job 1234 ended
- * (CANCELLED)"). It ends jobs with {@code scancel}. Each of these commands
+ * (CANCELLED)"). A worker that cannot connect to the pool, or whose secret
+ * the pool refuses, leaves why in its job's comment, which needs no output
+ * file and no file system shared with the nodes, and its job's end says it:
+ * "Slurm job 1234 ended (FAILED): the worker on c1 could not connect to
+ * head:40123: No route to host; set listenAddress to an address the nodes
+ * reach". It ends jobs with {@code scancel}. Each of these commands
  * may take {@code commandTimeout} (60 s unless set), and is killed after it.
  * An sbatch error that no retry can mend (a partition, account or QOS that
  * Slurm does not know, an option sbatch refuses), or an sbatch that does not
@@ -257,6 +262,8 @@ public final class SlurmLauncher implements Launcher {
         ProcessBuilder builder = new ProcessBuilder(sbatchCommand(launch)).redirectErrorStream(false);
         // The secret reaches the job through its environment (sbatch exports this one), never a command line.
         builder.environment().putAll(launch.environment());
+        // The worker may leave why it could not reach the pool in its job's comment.
+        builder.environment().put(Unreachable.TELL_JOB, "1");
         SlurmJobs.Answer result;
         try {
             result = SlurmJobs.run(builder, script(launch), settings.commandTimeout);

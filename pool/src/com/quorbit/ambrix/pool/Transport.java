@@ -185,9 +185,14 @@ abstract class Transport implements Closeable {
             // A named address is the one to listen on; the host's own name, every address it has.
             server.bind(address != null ? new InetSocketAddress(InetAddress.getByName(address), 0)
                     : new InetSocketAddress(0), 64);
+            int port = ((InetSocketAddress) server.getLocalAddress()).getPort();
             // An IPv6 address goes in brackets, as in any URI.
-            advertised = "tcp://" + (host.indexOf(':') >= 0 ? "[" + host + "]" : host) + ":"
-                    + ((InetSocketAddress) server.getLocalAddress()).getPort();
+            advertised = "tcp://" + (host.indexOf(':') >= 0 ? "[" + host + "]" : host) + ":" + port;
+            // Once per pool: where it listens, and the address its workers are given, which they must reach.
+            PoolLog.log(System.Logger.Level.INFO, "the pool listens for workers on "
+                    + (address != null ? "address " + address + ", port " + port
+                            : "every address of this host, port " + port + ", and gives them this host's name")
+                    + ": workers connect to " + advertised);
             handshakes.allowCoreThreadTimeOut(true);
             acceptor = new Thread(this::acceptAll, "ambrix-pool-listener");
             acceptor.setDaemon(true);

@@ -60,9 +60,10 @@ public final class WorkerMain {
         }
         WorkerMain worker;
         SocketChannel interrupts = null;
+        boolean tcp = args[0].startsWith("tcp://");
         try {
             SocketChannel tasks;
-            if (args[0].startsWith("tcp://")) {
+            if (tcp) {
                 // A worker elsewhere: it proves to the pool that it holds the secret, on both connections.
                 long token = Long.parseLong(rest.get(0));
                 byte[] secret = Handshake.secretFromEnvironment();
@@ -77,8 +78,7 @@ public final class WorkerMain {
             }
             worker = new WorkerMain(Wire.output(tasks), tasks);
         } catch (IOException | RuntimeException e) {
-            System.err.println("ambrix worker: the pool's channel failed: " + e);
-            Runtime.getRuntime().halt(3);
+            unreachable(tcp, args[0], e);
             return;
         }
         if (echo) {
@@ -101,16 +101,48 @@ public final class WorkerMain {
     }
 
     /**
+     * Says why the pool could not be reached (where it was told to connect,
+     * the error, what to check) on the standard error and, as a Slurm job,
+     * in its job's comment, where the pool reads it with the job's end
+     * ({@link Unreachable}); then ends the process.
+     */
+    private static void unreachable(boolean tcp, String address, Exception e) {
+        String line = Unreachable.line(tcp ? hostName() : null, tcp ? address.substring(6) : address, e);
+        System.err.println(line);
+        if (tcp) {
+            Unreachable.tellJob(line);
+        }
+        Runtime.getRuntime().halt(3);
+    }
+
+    /** This host's name as the pool knows it: Slurm's name of the node, or else the host's own. */
+    private static String hostName() {
+        String node = System.getenv("SLURMD_NODENAME");
+        if (node != null && !node.isBlank()) {
+            return node;
+        }
+        try {
+            return java.net.InetAddress.getLocalHost().getHostName();
+        } catch (IOException e) {
+            return "an unnamed host";
+        }
+    }
+
+    /**
      * Connects to a pool over TCP and proves that it holds the secret, as
      * the given channel of the slot that the token names. The pool listens
      * before it submits any job, so a refused connection means that it is
-     * gone (its JVM killed while the job waited in the queue): the worker
-     * ends at once. A connection that fails otherwise (a network that does
-     * not answer yet) is tried again for a minute.
+     * gone (its JVM killed while the job waited in the queue), or that the
+     * address is not the pool's: the worker ends at once. A connection that
+     * fails otherwise (a network that does not answer yet) is tried again
+     * for a minute.
      */
     private static SocketChannel connect(String address, byte[] secret, long token, byte channel) throws IOException {
         java.net.URI uri = java.net.URI.create(address);
         java.net.InetSocketAddress to = new java.net.InetSocketAddress(uri.getHost(), uri.getPort());
+        if (to.isUnresolved()) {
+            throw new java.net.UnknownHostException(uri.getHost());
+        }
         long deadline = System.nanoTime() + TimeUnit.SECONDS.toNanos(60);
         while (true) {
             SocketChannel c = null;
@@ -123,11 +155,7 @@ public final class WorkerMain {
                 if (c != null) {
                     c.close();
                 }
-                if (String.valueOf(e.getMessage()).contains("refused")) {
-                    throw new java.net.ConnectException("the pool at " + address
-                            + " refused the connection: it is gone");
-                }
-                if (System.nanoTime() > deadline) {
+                if (String.valueOf(e.getMessage()).contains("refused") || System.nanoTime() > deadline) {
                     throw e;
                 }
                 LockSupport.parkNanos(TimeUnit.MILLISECONDS.toNanos(500));

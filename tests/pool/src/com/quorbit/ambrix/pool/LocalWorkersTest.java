@@ -7,6 +7,7 @@ import static org.junit.jupiter.api.Assertions.assertTrue;
 
 import com.quorbit.externalcall.VexelException;
 import java.io.IOException;
+import java.nio.file.Path;
 import java.time.Duration;
 import java.util.ArrayList;
 import java.util.List;
@@ -15,6 +16,7 @@ import java.util.concurrent.CopyOnWriteArrayList;
 import java.util.concurrent.ExecutionException;
 import java.util.concurrent.TimeUnit;
 import java.util.concurrent.atomic.AtomicInteger;
+import java.util.function.UnaryOperator;
 import org.junit.jupiter.api.Test;
 import org.junit.jupiter.api.Timeout;
 import org.junit.jupiter.params.ParameterizedTest;
@@ -91,6 +93,94 @@ class LocalWorkersTest {
         /** The launches whose process is still alive. */
         List<Long> alive() {
             return launched.stream().map(Launched::pid).filter(PoolTest::alive).toList();
+        }
+    }
+
+    /**
+     * A launcher that changes each launch before another one starts it, as
+     * a site's wrapper or a node's network might: the worker is given
+     * another address, or another secret.
+     */
+    static final class Altering implements Launcher {
+        final Launcher to;
+        final UnaryOperator<Launch> change;
+        final List<Launch> launches = new CopyOnWriteArrayList<>();
+        final List<Launched> launched = new CopyOnWriteArrayList<>();
+
+        Altering(Launcher to, UnaryOperator<Launch> change) {
+            this.to = to;
+            this.change = change;
+        }
+
+        @Override
+        public boolean remote() {
+            return to.remote();
+        }
+
+        @Override
+        public Launched launch(Launch launch) throws IOException {
+            Launch changed = change.apply(launch);
+            launches.add(changed);
+            Launched l = to.launch(changed);
+            launched.add(l);
+            return l;
+        }
+
+        /** The launch with the pool's address (the socket's path, or tcp://host:port) replaced. */
+        static Launch address(Launch l, String address) {
+            return new Launch(l.command().stream().map(a -> isAddress(a) ? address : a).toList(), l.environment(),
+                    l.memoryLimit(), l.name());
+        }
+
+        private static boolean isAddress(String argument) {
+            return argument.startsWith("tcp://") || argument.endsWith(".sock");
+        }
+
+        /** The address the first launch's worker was given, as the worker names it: no "tcp://". */
+        String address() {
+            return launches.get(0).command().stream().filter(Altering::isAddress).findFirst().orElseThrow()
+                    .replaceFirst("^tcp://", "");
+        }
+    }
+
+    /**
+     * A local worker that cannot reach its pool fails the build, and the
+     * failure names the address it was given and its own error.
+     */
+    @Test
+    void aWorkerThatCannotConnectFailsTheBuildNamingTheAddressAndItsError() {
+        Path gone = SocketFolders.make();
+        SocketFolders.remove(gone);
+        Altering launcher = new Altering(Launcher.local(), l -> Altering.address(l, gone.resolve("w.sock").toString()));
+        VexelException e = assertThrows(VexelException.class,
+                () -> EnginePool.builder().workers(1).launcher(launcher).build());
+        assertTrue(e.getMessage().contains("ambrix worker: could not connect to " + launcher.address()
+                + ": No such file or directory"),
+                e.getMessage());
+    }
+
+    /**
+     * A pool for remote workers says once, at its build, where it listens
+     * and the address its workers are given: by default this host's name.
+     */
+    @Test
+    void theListenAddressAndTheNameGivenToWorkersAreLoggedAtTheBuild() throws Exception {
+        java.util.logging.Logger log = java.util.logging.Logger.getLogger("com.quorbit.ambrix.pool");
+        PoolTest.LogRecords records = new PoolTest.LogRecords();
+        log.addHandler(records);
+        try {
+            Launcher refusing = launch -> {
+                throw new Launcher.RefusedException("no scheduler here");
+            };
+            assertThrows(VexelException.class, () -> EnginePool.builder().workers(2).launcher(refusing).build());
+            List<String> said = records.messages.stream().filter(m -> m.contains("listens for workers")).toList();
+            String host = java.net.InetAddress.getLocalHost().getHostName();
+            assertEquals(1, said.size(), records.messages.toString());
+            assertTrue(said.get(0).matches("INFO the pool listens for workers on every address of this host, port "
+                    + "(\\d+), and gives them this host's name: workers connect to tcp://\\Q" + host
+                    + "\\E:\\1"), said.get(0));
+        } finally {
+            log.removeHandler(records);
         }
     }
 

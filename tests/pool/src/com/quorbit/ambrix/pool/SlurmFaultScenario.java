@@ -130,14 +130,72 @@ class SlurmFaultScenario {
                         .javaOptions(bad.javaOptions().toArray(new String[0])).listenAddress("127.0.0.1").build()));
         // sbatch's first line is its own message (an unknown option is followed by advice to read --help).
         assertEquals("no worker could be started: " + bad.message(), e.getMessage().lines().findFirst().orElseThrow());
-        // (A watcher of an earlier test's jobs may still speak of squeue.)
-        List<String> log = logSince(before).stream().filter(m -> !m.contains("squeue")).toList();
+        // (A watcher of an earlier test's jobs may still speak of squeue; the build says where the pool listens.)
+        List<String> log = logSince(before).stream()
+                .filter(m -> !m.contains("squeue") && !m.startsWith("INFO the pool listens for workers")).toList();
         assertEquals(bad.lines(), log.size(), log.toString());
         assertTrue(log.get(log.size() - 1).contains(bad.message()), log.toString());
         // A hanging sbatch was killed, and what it started with it.
         for (long pid : hungPids("sbatch")) {
             assertTrue(ProcessHandle.of(pid).map(h -> h.onExit().orTimeout(5, TimeUnit.SECONDS).join())
                     .map(h -> !h.isAlive()).orElse(true), "process " + pid + " of the hung sbatch still runs");
+        }
+    }
+
+    /**
+     * A worker that cannot reach the pool: the change of its launch that
+     * makes it so, and what the worker then says, given the address it got.
+     */
+    record Unreached(String what, UnaryOperator<Launcher.Launch> change, UnaryOperator<String> says) {
+        @Override
+        public String toString() {
+            return what;
+        }
+    }
+
+    static Stream<Unreached> unreached() throws IOException {
+        int nobody;
+        try (java.net.ServerSocket s = new java.net.ServerSocket(0, 1, java.net.InetAddress.getLoopbackAddress())) {
+            nobody = s.getLocalPort();
+        }
+        return Stream.of(
+                new Unreached("an address where nobody listens",
+                        l -> LocalWorkersTest.Altering.address(l, "tcp://127.0.0.1:" + nobody),
+                        address -> "could not connect to " + address
+                                + ": Connection refused; set listenAddress to an address the nodes reach"),
+                new Unreached("a secret that is not the pool's",
+                        l -> new Launcher.Launch(l.command(), java.util.Map.of(Handshake.SECRET_VARIABLE,
+                                "00".repeat(Handshake.SECRET_BYTES)), l.memoryLimit(), l.name()),
+                        address -> "could not prove the pool's secret to " + address + ": the pool refused it "
+                                + "(it closed the connection on the worker's proof); check that the job gets "
+                                + Handshake.SECRET_VARIABLE + " from the pool's environment, unchanged"));
+    }
+
+    /**
+     * A worker that cannot connect, or cannot prove the secret, leaves why
+     * on its job, with the job's output going nowhere: each failed launch's
+     * log line, the slot's giving up and the failure of what waited name the
+     * node, the address the worker was given, and its error.
+     */
+    @ParameterizedTest
+    @MethodSource("unreached")
+    void aWorkerThatCannotReachThePoolSaysWhyThroughItsJob(Unreached u) throws Exception {
+        LocalWorkersTest.Altering launcher = new LocalWorkersTest.Altering(SlurmLauncher.builder().build(), u.change());
+        int before = LOG.messages.size();
+        try (EnginePool pool = EnginePool.builder().workers(1).launcher(launcher).listenAddress("127.0.0.1").build()) {
+            java.util.concurrent.CompletableFuture<Result> waiting = pool.submit("1;");
+            Throwable e = assertThrows(java.util.concurrent.ExecutionException.class,
+                    () -> waiting.get(90, TimeUnit.SECONDS)).getCause();
+            String said = "the worker on " + SlurmScenario.run("sinfo", "-h", "-o", "%N").strip() + " "
+                    + u.says().apply(launcher.address());
+            assertTrue(e.getMessage().matches("no worker could be started: Slurm job \\d+ ended \\(FAILED\\): \\Q"
+                    + said + "\\E"), e.getMessage());
+            List<String> log = logSince(before).stream().filter(m -> m.contains(said)).toList();
+            assertEquals(Slot.FAILED_LAUNCHES, log.size(), logSince(before).toString());
+            assertTrue(log.get(log.size() - 1).startsWith("SEVERE worker slot 0 gave up"), log.toString());
+            String job = launcher.launched.get(0).job();
+            assertTrue(SlurmScenario.run("scontrol", "show", "job", job).contains("StdOut=/dev/null"),
+                    "the job's output goes somewhere");
         }
     }
 

@@ -263,7 +263,8 @@ class SlurmScenario {
         String out = new String(impostor.getInputStream().readAllBytes(), StandardCharsets.UTF_8);
         assertTrue(impostor.waitFor(30, TimeUnit.SECONDS));
         assertEquals(3, impostor.exitValue(), out);
-        assertTrue(out.contains("the pool's channel failed"), out);
+        assertTrue(out.contains(": could not prove the pool's secret to " + poolAddress().getAuthority()
+                + ": the pool refused it"), out);
         awaitTrue("the refusal logged", () -> LOG.messages.subList(before, LOG.messages.size()).stream()
                 .anyMatch(m -> m.contains("refused a connection") && m.contains("does not hold the pool's secret")), 20);
         // The pool's own workers go on.
