@@ -59,13 +59,13 @@ final class Task {
             }
             case Wire.ERROR -> {
                 String message = values.string();
-                values.strings(); // the lines printed before the error
+                java.util.List<String> output = values.strings();
                 long offset = values.number();
                 if (offset < -1 || offset > Integer.MAX_VALUE) {
                     throw new Wire.WireException("malformed frame: an error at offset " + offset);
                 }
                 values.end();
-                VexelException failure = new KernelErrorException(message, (int) offset);
+                VexelException failure = new KernelErrorException(message, (int) offset, output);
                 if (limitPassed) {
                     VexelException e = new VexelException("time limit of " + seconds(limit) + " passed");
                     e.initCause(failure);

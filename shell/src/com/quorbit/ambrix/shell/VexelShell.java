@@ -198,6 +198,10 @@ public final class VexelShell {
             if (!r.text().isEmpty()) {
                 out.println(r.text());
             }
+        } catch (KernelErrorException e) {
+            // What the statement printed before its error, as it shows in process.
+            e.output().forEach(out::println);
+            throw e;
         } catch (WorkerLostException e) {
             out.flush();
             callbacks.newLineAfterEcho(System.err);
