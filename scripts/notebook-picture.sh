@@ -26,10 +26,22 @@ nb = nbformat.read(sys.argv[1], 4); NotebookNotary().sign(nb); nbformat.write(nb
   "$work/notebooks/vexel-tour.ipynb"
 port=$((20000 + RANDOM % 20000))
 /usr/bin/jupyter notebook --no-browser --ip=127.0.0.1 --port="$port" --allow-root \
-  --NotebookApp.token= --NotebookApp.password= --notebook-dir="$work/notebooks" >"$work/server.log" 2>&1 &
+  --NotebookApp.token= --NotebookApp.password= --NotebookApp.disable_check_xsrf=True --notebook-dir="$work/notebooks" >"$work/server.log" 2>&1 &
 server=$!
 for _ in $(seq 100); do
   curl -sf "http://127.0.0.1:$port/api" >/dev/null 2>&1 && break
+  sleep 0.2
+done
+# The notebook's kernel started before the page opens, which then joins it:
+# its kernel.js (the Vexel mode) loads at once, not after the picture is
+# taken on a machine where the kernel is slow to start.
+kernel=$(curl -sf -X POST -H 'Content-Type: application/json' "http://127.0.0.1:$port/api/sessions" \
+  -d '{"path": "vexel-tour.ipynb", "type": "notebook", "kernel": {"name": "vexel"}}' \
+  | /usr/bin/python3 -c 'import json, sys; print(json.load(sys.stdin)["kernel"]["id"])')
+for _ in $(seq 300); do
+  state=$(curl -sf "http://127.0.0.1:$port/api/kernels/$kernel" \
+    | /usr/bin/python3 -c 'import json, sys; print(json.load(sys.stdin)["execution_state"])')
+  [[ $state == idle ]] && break
   sleep 0.2
 done
 chromium --headless --no-sandbox --disable-gpu --disable-quic --no-first-run --disable-background-networking \

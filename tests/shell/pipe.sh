@@ -31,9 +31,20 @@ status=0
 
 # A terminator at the end of a line inside an open bracket ends the
 # statement: the kernel's syntax error, with its caret, and the next line is
-# a statement of its own.
-printf 'x := (1 + ;\n1 + 1;\nf(2,\n  3);\n' | run >"$work/out" 2>&1 || true
-printf 'Error, syntax error: unexpected `;`\nx := (1 + ;\n          ^\n2\nf(2, 3)\n' | diff -u - "$work/out"
+# a statement of its own. Errors look the same with the kernel in process or
+# isolated: a syntax error shows the line it is on and a caret under its
+# place, an error follows what its statement printed before it, and in a
+# file the message starts with the file's name and the line's number.
+printf 'x := (1 + ;\n1 + 1;\nf(2,\n  3);\ny := [1,\n  2 +* 3];\ng := proc() print("before"); error "after %%1", 2 end proc: g();\n' \
+  >"$work/errors.vx"
+errors='Error, syntax error: unexpected `;`\nx := (1 + ;\n          ^\n2\nf(2, 3)\nError, syntax error: unexpected `*`\n  2 +* 3];\n     ^\n"before"\nError, after 2\n'
+for mode in "" --isolated; do
+  run $mode <"$work/errors.vx" >"$work/out" 2>&1 || true
+  printf "$errors" | diff -u - "$work/out" || { echo "FAILED: errors piped into vexel $mode"; exit 1; }
+  run $mode "$work/errors.vx" >"$work/out" 2>&1 || true
+  printf "$errors" | sed -e '1s/^/errors.vx:1: /' -e '6s/^/errors.vx:6: /' -e '10s/^/errors.vx:7: /' \
+    | diff -u - "$work/out" || { echo "FAILED: errors in a file run by vexel $mode"; exit 1; }
+done
 
 # One rule for the banner, with the kernel in process or isolated: only at
 # a terminal (terminal.py), never for a pipe or a file, even without -q.

@@ -1,6 +1,5 @@
 package com.quorbit.ambrix;
 
-import com.quorbit.externalcall.VexelException;
 import java.io.BufferedReader;
 import java.io.IOException;
 import java.io.InputStreamReader;
@@ -12,9 +11,10 @@ import java.util.Locale;
  * Callbacks for a simple console program.
  *
  * <p>Text goes to {@code System.out}, one line per piece; a kernel error
- * becomes a {@link VexelException} carrying the kernel's message, thrown from
- * the Java call that caused it; input lines come from {@code System.in}. No
- * redirection, no interrupts, no streams. Extend it to change single methods.
+ * becomes a {@link KernelErrorException} carrying the kernel's message and
+ * offset, thrown from the Java call that caused it; input lines come from
+ * {@code System.in}. No redirection, no interrupts, no streams. Extend it to
+ * change single methods.
  */
 public class EngineCallBacksDefault implements EngineCallBacks {
     private BufferedReader in;
@@ -57,12 +57,12 @@ public class EngineCallBacksDefault implements EngineCallBacks {
     }
 
     /**
-     * Throws a {@link VexelException} with the kernel's message, so that the
-     * kernel call that failed throws it in Java.
+     * Throws a {@link KernelErrorException} with the kernel's message and
+     * offset, so that the kernel call that failed throws it in Java.
      */
     @Override
     public void errorCallBack(Object data, int offset, String message) {
-        throw new VexelException(message);
+        throw new KernelErrorException(message, offset);
     }
 
     /** Prints a one-line summary on {@code System.out}. */

@@ -1,5 +1,6 @@
 package com.quorbit.ambrix.pool;
 
+import com.quorbit.ambrix.KernelErrorException;
 import com.quorbit.externalcall.VexelException;
 import java.math.BigDecimal;
 import java.time.Duration;
@@ -57,11 +58,19 @@ final class Task {
                 java.util.List<String> output = values.strings();
                 Duration elapsed = Duration.ofNanos(values.number());
                 java.util.List<String> plots = values.strings();
+                values.end();
                 Object outcome = kind == Wire.CALL ? value : new Result(text, value, output, elapsed, plots, runs());
                 return () -> future.complete(outcome);
             }
             case Wire.ERROR -> {
-                VexelException failure = new VexelException(values.string());
+                String message = values.string();
+                java.util.List<String> output = values.strings();
+                long offset = values.number();
+                if (offset < -1 || offset > Integer.MAX_VALUE) {
+                    throw new Wire.WireException("malformed frame: an error at offset " + offset);
+                }
+                values.end();
+                VexelException failure = new KernelErrorException(message, (int) offset, output);
                 if (limitPassed) {
                     VexelException e = new VexelException("time limit of " + seconds(limit) + " passed");
                     e.initCause(failure);
@@ -71,6 +80,7 @@ final class Task {
                 return () -> future.completeExceptionally(outcome);
             }
             case Wire.READY, Wire.DONE -> {
+                values.end();
                 return () -> future.complete(null);
             }
             default -> throw new Wire.WireException("malformed frame: an answer of kind " + reply.kind());

@@ -40,7 +40,7 @@ final class Wire {
     // Worker to pool:
     static final byte READY = 20;     // (nothing)
     static final byte RESULT = 21;    // text, value, output lines, elapsed nanoseconds, plots
-    static final byte ERROR = 22;     // message, output lines
+    static final byte ERROR = 22;     // message, output lines, offset into the statement (-1: none)
     static final byte DONE = 23;      // (nothing)
 
     // Value tags.
@@ -343,9 +343,11 @@ final class Wire {
             return b;
         }
 
-        /** True when the whole payload was read. */
-        boolean atEnd() {
-            return !b.hasRemaining();
+        /** Checks that the whole payload was read: bytes after it make the frame malformed. */
+        void end() throws WireException {
+            if (b.hasRemaining()) {
+                throw new WireException("malformed frame: bytes after the payload");
+            }
         }
 
         /** Any value the conversions know. */

@@ -3,6 +3,7 @@ package com.quorbit.ambrix.pool;
 import com.quorbit.ambrix.Algebraic;
 import com.quorbit.ambrix.Engine;
 import com.quorbit.ambrix.EngineCallBacksDefault;
+import com.quorbit.ambrix.KernelErrorException;
 import com.quorbit.externalcall.VexelException;
 import java.util.ArrayList;
 
@@ -20,7 +21,7 @@ final class WorkerKernel {
     private long running;
     private final Capture capture = new Capture();
 
-    /** Collects what the kernel prints during a task; errors become exceptions. */
+    /** Collects what the kernel prints during a task; errors become exceptions, with their offsets. */
     private static final class Capture extends EngineCallBacksDefault {
         final java.util.List<String> lines = new ArrayList<>();
         /** The plots of the task, SVG documents from the kernel's stream "plot". */
@@ -101,9 +102,7 @@ final class WorkerKernel {
             }
             default -> task = this::reset;
         }
-        if (!values.atEnd()) {
-            throw new Wire.WireException("malformed frame: bytes after the payload");
-        }
+        values.end();
         return task;
     }
 
@@ -115,14 +114,19 @@ final class WorkerKernel {
         try {
             reply = task.run(id);
         } catch (RuntimeException e) {
-            reply = new Wire.Writer(Wire.ERROR, id).string(String.valueOf(e.getMessage())).strings(capture.lines);
+            reply = error(id, String.valueOf(e.getMessage()), e instanceof KernelErrorException k ? k.offset() : -1);
         } catch (OutOfMemoryError e) {
             // A result too large for the worker's heap: the allocation that failed is dropped, and the
             // worker goes on.
-            reply = new Wire.Writer(Wire.ERROR, id).string("the worker's Java heap cannot hold the result ("
-                    + e.getMessage() + "); give workers more with javaOptions").strings(capture.lines);
+            reply = error(id, "the worker's Java heap cannot hold the result (" + e.getMessage()
+                    + "); give workers more with javaOptions", -1);
         }
         return reply;
+    }
+
+    /** A task's failure: the message, the lines printed before it, and the kernel's offset into the statement. */
+    private Wire.Writer error(long id, String message, int offset) {
+        return new Wire.Writer(Wire.ERROR, id).string(message).strings(capture.lines).number(offset);
     }
 
     private Wire.Writer start(long id, java.util.List<String> kernelArgs, java.util.List<String> init) {

@@ -2,6 +2,7 @@ package com.quorbit.ambrix.shell;
 
 import com.quorbit.ambrix.Algebraic;
 import com.quorbit.ambrix.Engine;
+import com.quorbit.ambrix.KernelErrorException;
 import com.quorbit.ambrix.pool.EnginePool;
 import com.quorbit.ambrix.pool.Result;
 import com.quorbit.ambrix.pool.Session;
@@ -197,6 +198,10 @@ public final class VexelShell {
             if (!r.text().isEmpty()) {
                 out.println(r.text());
             }
+        } catch (KernelErrorException e) {
+            // What the statement printed before its error, as it shows in process.
+            e.output().forEach(out::println);
+            throw e;
         } catch (WorkerLostException e) {
             out.flush();
             callbacks.newLineAfterEcho(System.err);
@@ -354,7 +359,8 @@ public final class VexelShell {
                 }
             }
         } catch (VexelException e) {
-            callbacks.reportError(e.getMessage(), -1);
+            // A kernel error from a worker says where it is, as the kernel says it here through the callbacks.
+            callbacks.reportError(e.getMessage(), e instanceof KernelErrorException k ? k.offset() : -1);
         } catch (RuntimeException e) {
             callbacks.reportError(e.toString(), -1);
         } finally {

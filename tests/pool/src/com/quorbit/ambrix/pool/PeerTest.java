@@ -257,7 +257,10 @@ class PeerTest {
                     return w;
                 }, "exceeds the frame"),
                 Arguments.of("a result cut off", (Function<Long, Wire.Writer>) id ->
-                        new Wire.Writer(Wire.RESULT, id).string("text"), "a value is cut off"));
+                        new Wire.Writer(Wire.RESULT, id).string("text"), "a value is cut off"),
+                Arguments.of("an error at offset -2", (Function<Long, Wire.Writer>) id ->
+                        new Wire.Writer(Wire.ERROR, id).string("e").strings(List.of()).number(-2),
+                        "an error at offset -2"));
     }
 
     /**

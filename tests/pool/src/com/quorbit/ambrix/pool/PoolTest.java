@@ -9,6 +9,7 @@ import static org.junit.jupiter.api.Assertions.assertTrue;
 
 import com.quorbit.ambrix.ConversionTest;
 import com.quorbit.ambrix.Kernel;
+import com.quorbit.ambrix.KernelErrorException;
 import com.quorbit.externalcall.VexelException;
 import java.time.Duration;
 import java.util.concurrent.CompletableFuture;
@@ -298,8 +299,15 @@ class PoolTest {
             Result printed = s.evaluate("print(\"a\"); WARNING(\"w\"); g(2);");
             assertEquals(java.util.List.of("\"a\"", "Warning, w"), printed.output());
             assertEquals("4", printed.text());
-            VexelException error = assertThrows(VexelException.class, () -> s.evaluate("error \"no %1\", 5;"));
+            // An error comes after what its statement printed, and a syntax error says where it is.
+            KernelErrorException error = assertThrows(KernelErrorException.class,
+                    () -> s.evaluate("print(\"a\"); error \"no %1\", 5;"));
             assertEquals("no 5", error.getMessage());
+            assertEquals(java.util.List.of("\"a\""), error.output());
+            assertEquals(-1, error.offset());
+            KernelErrorException syntax = assertThrows(KernelErrorException.class, () -> s.evaluate("x := (1 + ;"));
+            assertEquals(10, syntax.offset());
+            assertEquals(java.util.List.of(), syntax.output());
             assertEquals("1", s.evaluate("1;").text());
         }
         assertEquals("g", answer(pool, "g;").text());

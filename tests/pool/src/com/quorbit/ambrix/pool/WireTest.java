@@ -2,10 +2,14 @@ package com.quorbit.ambrix.pool;
 
 import static org.junit.jupiter.api.Assertions.assertArrayEquals;
 import static org.junit.jupiter.api.Assertions.assertEquals;
+import static org.junit.jupiter.api.Assertions.assertFalse;
+import static org.junit.jupiter.api.Assertions.assertInstanceOf;
 import static org.junit.jupiter.api.Assertions.assertNull;
 import static org.junit.jupiter.api.Assertions.assertThrows;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 
+import com.quorbit.ambrix.KernelErrorException;
+import com.quorbit.externalcall.VexelException;
 import java.io.ByteArrayInputStream;
 import java.io.ByteArrayOutputStream;
 import java.math.BigInteger;
@@ -16,6 +20,7 @@ import java.nio.channels.ServerSocketChannel;
 import java.nio.channels.SocketChannel;
 import java.nio.file.Files;
 import java.nio.file.Path;
+import java.util.concurrent.ExecutionException;
 import java.util.concurrent.TimeUnit;
 import java.util.stream.Stream;
 import org.junit.jupiter.api.Test;
@@ -232,6 +237,57 @@ class WireTest {
             Files.deleteIfExists(socket);
             Files.deleteIfExists(dir);
         }
+    }
+
+    /** What a task failed with in the worker, and what its caller gets: the message and the offset. */
+    static Stream<Arguments> failures() {
+        return Stream.of(
+                Arguments.of("a parse error", new KernelErrorException("syntax error: unexpected `;`", 10), 10),
+                Arguments.of("a parse error at the start", new KernelErrorException("unexpected `)`", 0), 0),
+                Arguments.of("an error without a place",
+                        new KernelErrorException("numeric exception: division by zero", -1), -1),
+                Arguments.of("a failure of the bridge", new VexelException("Value is NULL"), -1));
+    }
+
+    /** A task's failure crosses from the worker to the pool with its message and the kernel's offset. */
+    @ParameterizedTest(name = "{0}")
+    @MethodSource("failures")
+    void aFailureKeepsItsOffset(String what, VexelException thrown, int offset) throws Exception {
+        Wire.Writer reply = new WorkerKernel().run(7, id -> {
+            throw thrown;
+        });
+        Task task = new Task(7, Wire.EVAL, null, false, false);
+        task.answer(read(frame(reply))).run();
+        Throwable e = assertThrows(ExecutionException.class, task.future::get).getCause();
+        KernelErrorException k = assertInstanceOf(KernelErrorException.class, e);
+        assertEquals(thrown.getMessage(), k.getMessage());
+        assertEquals(offset, k.offset());
+    }
+
+    /** Error answers whose offset or length is wrong: the answer is refused, as any malformed frame. */
+    static Stream<Arguments> badErrors() {
+        java.util.List<String> none = java.util.List.of();
+        return Stream.of(
+                Arguments.of("an offset below -1", new Wire.Writer(Wire.ERROR, 7).string("e").strings(none).number(-2),
+                        "an error at offset -2"),
+                Arguments.of("an offset beyond an int", new Wire.Writer(Wire.ERROR, 7).string("e").strings(none)
+                        .number(1L << 31), "an error at offset 2147483648"),
+                Arguments.of("an offset that is text", new Wire.Writer(Wire.ERROR, 7).string("e").strings(none)
+                        .string("3"), "an integer was expected"),
+                Arguments.of("no offset", new Wire.Writer(Wire.ERROR, 7).string("e").strings(none),
+                        "a value is cut off"),
+                Arguments.of("bytes after the offset", new Wire.Writer(Wire.ERROR, 7).string("e").strings(none)
+                        .number(1).number(2), "bytes after the payload"));
+    }
+
+    @ParameterizedTest(name = "{0}")
+    @MethodSource("badErrors")
+    void aBadErrorAnswerIsRefused(String what, Wire.Writer answer, String message) throws Exception {
+        Task task = new Task(7, Wire.EVAL, null, false, false);
+        Wire.Frame f = read(frame(answer));
+        Wire.WireException e = assertThrows(Wire.WireException.class, () -> task.answer(f));
+        assertTrue(e.getMessage().contains(message), e.getMessage());
+        assertFalse(task.future.isDone());
     }
 
     @Test
