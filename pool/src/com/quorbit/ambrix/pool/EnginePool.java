@@ -86,7 +86,7 @@ public final class EnginePool implements AutoCloseable {
     private static EnginePool start(PoolSettings settings, String name) {
         EnginePool pool = new EnginePool(settings);
         // The platform MBean server starts on its first use, which takes a few hundred ms: the workers start
-        // meanwhile. A name taken fails the build once they have (a mistake, seen at the first run).
+        // meanwhile. A name another open pool holds fails the build once they have started.
         pool.bean = CompletableFuture.supplyAsync(() -> PoolBean.register(name, pool::stats), r -> {
             Thread t = new Thread(r, "ambrix-pool-bean");
             t.setDaemon(true);
