@@ -64,8 +64,8 @@ public final class EnginePool implements AutoCloseable {
     private final Dispatch dispatch;
     private final Supervisor supervisor;
     private final PoolCounters counters = new PoolCounters();
-    /** The pool's JMX bean, registered before any worker is launched; null until then. */
-    private volatile PoolBean bean;
+    /** The pool's JMX bean, registered while the build starts the workers; null until the build begins. */
+    private volatile CompletableFuture<PoolBean> bean;
     private final java.util.concurrent.atomic.AtomicBoolean closed = new java.util.concurrent.atomic.AtomicBoolean();
 
     private EnginePool(PoolSettings settings) {
@@ -88,16 +88,24 @@ public final class EnginePool implements AutoCloseable {
      */
     private static EnginePool start(PoolSettings settings, String name) {
         EnginePool pool = new EnginePool(settings);
+        // The platform MBean server starts on its first use, which takes a few hundred ms: the workers start
+        // meanwhile. A name another open pool holds fails the build once they have started.
+        pool.bean = CompletableFuture.supplyAsync(() -> PoolBean.register(name, pool::stats), r -> {
+            Thread t = new Thread(r, "ambrix-pool-bean");
+            t.setDaemon(true);
+            t.start();
+        });
         try {
-            pool.bean = PoolBean.register(name, pool::stats);
             pool.supervisor.startAll();
+            pool.bean.join();
         } catch (RuntimeException e) {
             try {
                 pool.close();
             } catch (RuntimeException ignored) {
                 // the build's own failure is what the caller sees
             }
-            throw e;
+            throw e instanceof java.util.concurrent.CompletionException && e.getCause() instanceof RuntimeException r
+                    ? r : e;
         }
         if (settings.memoryLimit() > 0) {
             pool.timers.every(Duration.ofMillis(50), pool.supervisor::sampleMemory);
@@ -546,7 +554,7 @@ public final class EnginePool implements AutoCloseable {
      * @return the name given to its builder, or the default one
      */
     public String name() {
-        return bean.name();
+        return bean.join().name();
     }
 
     /**
@@ -576,7 +584,8 @@ public final class EnginePool implements AutoCloseable {
             supervisor.close();
             timers.close();
         } finally {
-            PoolBean b = bean;
+            // A registration still under way (a build that failed) is waited for.
+            PoolBean b = bean == null ? null : bean.handle((registered, failure) -> registered).join();
             if (b != null) {
                 b.unregister();
             }

@@ -44,6 +44,9 @@ final class TaskFuture<T> extends CompletableFuture<T> {
     /**
      * Counts the outcome of a completion about to happen, before it
      * happens, so that a caller who sees the future done sees it counted.
+     * Of two completions at the same moment (an answer and the worker's
+     * loss), the one counted may be the one that loses; the task still
+     * counts once.
      */
     private void count(boolean answered) {
         if (isDone()) {

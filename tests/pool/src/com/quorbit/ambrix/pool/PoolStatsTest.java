@@ -182,10 +182,7 @@ class PoolStatsTest {
         }
     }
 
-    /**
-     * A second open pool of the same name fails its build before it starts
-     * a worker, and leaves the first one's bean in place.
-     */
+    /** A second open pool of the same name fails its build, and leaves the first one's bean in place. */
     @Test
     void aNameTakenFailsTheBuild() throws Exception {
         try (EnginePool first = EnginePool.builder().name("stats-twice").workers(1).build()) {
