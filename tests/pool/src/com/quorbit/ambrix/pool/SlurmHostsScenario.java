@@ -102,13 +102,29 @@ class SlurmHostsScenario {
 
     @Test
     void workersSpreadOverBothNodesAndReachTheHeadByItsName() throws Exception {
+        List<String> jobs;
         try (EnginePool pool = onHosts(2).build()) {
             assertTrue(pool.awaitWorkers(2, Duration.ofSeconds(90)), pool.workerStates().toString());
             assertEquals(Set.copyOf(NODES), workersPerHost(pool).keySet(), pool.workerStates().toString());
             List<CompletableFuture<Result>> tasks = new ArrayList<>();
             for (int i = 0; i < 6; i++) tasks.add(pool.submit(i + " * 3;"));
             for (int i = 0; i < 6; i++) assertEquals(Integer.toString(3 * i), tasks.get(i).join().text());
+            jobs = pool.workerStates().stream().map(WorkerState::job).toList();
         }
+        SlurmScenario.awaitJobsEnded(jobs, 15);
+        // With no job left, nothing that watched them runs on (the reaper of queued jobs included).
+        SlurmScenario.awaitTrue("no child process of this JVM", () -> ProcessHandle.current().children()
+                .noneMatch(ProcessHandle::isAlive), 10);
+    }
+
+    /**
+     * A pool killed while its jobs wait in the queue (for a minute, to
+     * begin): no job of it may wait on for its pool that is gone.
+     */
+    @Test
+    void noPendingJobOutlivesAPoolWhoseJvmIsKilled() throws Exception {
+        List<String> jobs = SlurmScenario.killedOpenersJobs("pending", "60", "default");
+        SlurmScenario.awaitJobsEnded(jobs, 15);
     }
 
     // The scenarios below need what the pool does not do yet; their plumbing is here.
