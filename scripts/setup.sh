@@ -8,7 +8,8 @@ if [[ ${1-} == --tests ]]; then
   packages+=(python3-jupyter-kernel-test python3-jupyter-client jupyter-client jupyter-nbconvert python3-nbclient
              jupyter-notebook
              maven libmaven-compiler-plugin-java libmaven-resources-plugin-java libmaven-jar-plugin-java
-             libsurefire-java unzip libxml2-utils slurm-wlm munge)
+             libsurefire-java unzip libxml2-utils slurm-wlm munge
+             iproute2 util-linux)
 fi
 # The notebook's syntax highlighting is tested under Node: any node on the PATH will do.
 if [[ ${1-} == --tests ]] && ! command -v node >/dev/null; then

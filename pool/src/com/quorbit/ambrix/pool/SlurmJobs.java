@@ -21,6 +21,11 @@ import java.util.concurrent.TimeUnit;
  * and the running of Slurm's commands, each bounded in time. A job whose
  * worker could not reach the pool ends with the worker's words, which it
  * left in the job's comment ({@link Unreachable}).
+ *
+ * <p>A running worker ends by itself when its pool's JVM ends, but a job
+ * still waiting in the queue cannot: while any job is not over, a
+ * {@link Reaper} outside this JVM knows them, and cancels those that are
+ * left when this JVM ends, however it ends.
  */
 final class SlurmJobs {
     /** How often a failing squeue is logged again, at most. */
@@ -31,6 +36,8 @@ final class SlurmJobs {
     /** How long any Slurm command may take. */
     private final Duration limit;
     private final Map<String, Job> jobs = new ConcurrentHashMap<>();
+    /** The reaper while jobs are not over (guarded by the map's additions and removals, under this). */
+    private Reaper reaper;
     private Thread watcher;
     /** The watcher's failed squeue polls since it last answered, and since the last line logged. */
     private int failedPolls;
@@ -100,12 +107,110 @@ final class SlurmJobs {
         return run(new ProcessBuilder(command), "", limit);
     }
 
-    /** A job just submitted, watched from now on. */
+    /** A job just submitted, watched from now on, and cancelled by the reaper if this JVM ends first. */
     Launcher.Launched watch(String id) {
         Job job = new Job(id);
-        jobs.put(id, job);
+        synchronized (this) {
+            jobs.put(id, job);
+            if (reaper == null || !reaper.tell("+" + id)) {
+                reaper = Reaper.start(jobs.keySet());
+            }
+        }
         startWatcher();
         return job;
+    }
+
+    /** A job that is over: the reaper forgets it, and ends once no job is left. */
+    private synchronized void forget(String id) {
+        if (jobs.remove(id) == null || reaper == null) {
+            return;
+        }
+        if (jobs.isEmpty()) {
+            reaper.end();
+            reaper = null;
+        } else if (!reaper.tell("-" + id)) {
+            reaper = Reaper.start(jobs.keySet());
+        }
+    }
+
+    /**
+     * A process that cancels the jobs it was told of and not told are over,
+     * when its input ends: at the end of this JVM, however it ends (SIGKILL
+     * included, when the kernel closes the pipe), or when the launcher has
+     * no job left (it then cancels nothing). It reads a line "+ID" for each
+     * job submitted and "-ID" for each job over. It is a shell, in a session
+     * of its own where setsid is found, and ignores the signals of a
+     * terminal and of a process group's end, so that what ends this JVM
+     * does not end it too.
+     */
+    static final class Reaper {
+        static final String SCRIPT = """
+                trap '' HUP INT TERM
+                ids=' '
+                while read -r line; do
+                  id=${line#?}
+                  case $line in
+                    +*) ids="$ids$id " ;;
+                    -*) case $ids in *" $id "*) ids="${ids%% $id *} ${ids#* $id }" ;; esac ;;
+                  esac
+                done
+                [ "$ids" = ' ' ] || exec scancel $ids
+                """;
+        private final Process process;
+        private final java.io.Writer input;
+
+        private Reaper(Process process) {
+            this.process = process;
+            input = new java.io.OutputStreamWriter(process.getOutputStream(), StandardCharsets.US_ASCII);
+        }
+
+        /** A reaper that knows these jobs; null (logged) when none could be started. */
+        static Reaper start(java.util.Collection<String> ids) {
+            Reaper r;
+            try {
+                r = new Reaper(start("setsid", "sh", "-c", SCRIPT));
+            } catch (IOException noSetsid) {
+                try {
+                    r = new Reaper(start("sh", "-c", SCRIPT));
+                } catch (IOException e) {
+                    PoolLog.log(Level.WARNING, "no process could be started to cancel the pool's Slurm jobs "
+                            + "if this JVM is killed (" + e.getMessage() + "); a job still queued then would wait on");
+                    return null;
+                }
+            }
+            for (String id : ids) {
+                if (!r.tell("+" + id)) {
+                    return null;
+                }
+            }
+            return r;
+        }
+
+        private static Process start(String... command) throws IOException {
+            return new ProcessBuilder(command).redirectOutput(ProcessBuilder.Redirect.DISCARD)
+                    .redirectError(ProcessBuilder.Redirect.DISCARD).start();
+        }
+
+        /** Sends a line; false, the process ended, when it cannot. */
+        boolean tell(String line) {
+            try {
+                input.write(line + "\n");
+                input.flush();
+                return true;
+            } catch (IOException e) {
+                process.destroyForcibly();
+                return false;
+            }
+        }
+
+        /** Ends the reaper with nothing to cancel. */
+        void end() {
+            try {
+                input.close();
+            } catch (IOException e) {
+                process.destroyForcibly();
+            }
+        }
     }
 
     /** Starts the thread that watches the jobs, once. */
@@ -245,7 +350,7 @@ final class SlurmJobs {
         }
 
         void ended(Final last) {
-            jobs.remove(id);
+            forget(id);
             state = last.state();
             String said = Unreachable.fromComment(last.comment());
             ended.complete("Slurm job " + id + " ended (" + state + ")" + (said == null ? "" : ": " + said));

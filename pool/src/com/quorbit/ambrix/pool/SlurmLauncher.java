@@ -37,6 +37,9 @@ import java.util.Locale;
  * head:40123: No route to host; set listenAddress to an address the nodes
  * reach". It ends jobs with {@code scancel}. Each of these commands
  * may take {@code commandTimeout} (60 s unless set), and is killed after it.
+ * While the launcher has jobs that are not over, a shell of its own, outside
+ * this JVM, cancels them if this JVM ends first, however it ends: a job
+ * still waiting in the queue then waits for nothing.
  * An sbatch error that no retry can mend (a partition, account or QOS that
  * Slurm does not know, an option sbatch refuses), or an sbatch that does not
  * answer before any job of the launcher was submitted, is a

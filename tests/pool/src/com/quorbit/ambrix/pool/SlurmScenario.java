@@ -295,14 +295,18 @@ class SlurmScenario {
     /**
      * The main of a JVM that opens a Slurm pool, prints its jobs, and waits
      * to be killed: once its workers are ready ("ready"), or while its jobs
-     * still wait to begin ("pending").
+     * still wait to begin ("pending"), for 5 s or the seconds of the second
+     * argument. The pool listens on 127.0.0.1, or on the address of the
+     * third argument ("default" for the pool's default).
      */
     public static final class Opener {
         public static void main(String[] args) throws Exception {
             boolean pending = args[0].equals("pending");
             SlurmLauncher.Builder slurm = SlurmLauncher.builder();
-            if (pending) slurm.sbatchOptions("--begin=now+5");
-            EnginePool p = EnginePool.builder().workers(2).launcher(slurm.build()).listenAddress("127.0.0.1").build();
+            if (pending) slurm.sbatchOptions("--begin=now+" + (args.length > 1 ? args[1] : "5"));
+            String listen = args.length > 2 ? args[2] : "127.0.0.1";
+            EnginePool p = EnginePool.builder().workers(2).launcher(slurm.build())
+                    .listenAddress(listen.equals("default") ? null : listen).build();
             if (!pending && !p.awaitWorkers(2, Duration.ofSeconds(60))) throw new IllegalStateException("no workers");
             System.out.println("jobs " + String.join(",", p.workerStates().stream().map(WorkerState::job).toList()));
             System.out.flush();
@@ -310,15 +314,13 @@ class SlurmScenario {
         }
     }
 
-    /** A pool killed with its workers ready, or with its jobs yet to start, which then find no pool. */
-    @ParameterizedTest
-    @ValueSource(strings = {"ready", "pending"})
-    void noJobOutlivesAPoolWhoseJvmIsKilled(String when) throws Exception {
-        String launcher = ProcessHandle.current().info().command().orElse("java");
-        String classPath = PoolTest.where(EnginePool.class) + java.io.File.pathSeparator
-                + PoolTest.where(SlurmScenario.class);
-        Process opener = new ProcessBuilder(launcher, "-cp", classPath, Opener.class.getName(), when)
-                .redirectErrorStream(true).start();
+    /** Starts a JVM that runs Opener with these arguments, SIGKILLs it once it printed its jobs, and returns them. */
+    static List<String> killedOpenersJobs(String... args) throws Exception {
+        List<String> command = new ArrayList<>(List.of(ProcessHandle.current().info().command().orElse("java"), "-cp",
+                PoolTest.where(EnginePool.class) + java.io.File.pathSeparator + PoolTest.where(SlurmScenario.class),
+                Opener.class.getName()));
+        command.addAll(List.of(args));
+        Process opener = new ProcessBuilder(command).redirectErrorStream(true).start();
         java.io.BufferedReader out = new java.io.BufferedReader(
                 new java.io.InputStreamReader(opener.getInputStream(), StandardCharsets.UTF_8));
         String line;
@@ -330,7 +332,14 @@ class SlurmScenario {
         assertEquals(2, jobs.size());
         assertTrue(queued().containsAll(jobs));
         opener.destroyForcibly().waitFor();
-        awaitJobsEnded(jobs, 15);
+        return jobs;
+    }
+
+    /** A pool killed with its workers ready, or with its jobs yet to start, which then find no pool. */
+    @ParameterizedTest
+    @ValueSource(strings = {"ready", "pending"})
+    void noJobOutlivesAPoolWhoseJvmIsKilled(String when) throws Exception {
+        awaitJobsEnded(killedOpenersJobs(when), 15);
     }
 
     @Test

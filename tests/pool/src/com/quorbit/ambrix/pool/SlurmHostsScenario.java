@@ -1,0 +1,187 @@
+package com.quorbit.ambrix.pool;
+
+import static org.junit.jupiter.api.Assertions.assertEquals;
+import static org.junit.jupiter.api.Assertions.assertNotNull;
+import static org.junit.jupiter.api.Assertions.assertThrows;
+import static org.junit.jupiter.api.Assertions.assertTrue;
+
+import com.quorbit.externalcall.VexelException;
+import java.io.IOException;
+import java.time.Duration;
+import java.util.ArrayList;
+import java.util.List;
+import java.util.Map;
+import java.util.Set;
+import java.util.concurrent.CompletableFuture;
+import java.util.concurrent.CompletionException;
+import java.util.concurrent.TimeUnit;
+import java.util.stream.Collectors;
+import org.junit.jupiter.api.BeforeAll;
+import org.junit.jupiter.api.Disabled;
+import org.junit.jupiter.api.Test;
+import org.junit.jupiter.api.Timeout;
+
+/**
+ * Pools whose workers are Slurm jobs on three hosts: this machine, the head,
+ * and the compute nodes c1 and c2, each a network namespace with an address,
+ * a hostname and a hosts file of its own on a private bridge, each running
+ * its own slurmd. tests/pool/slurm/run.sh starts that cluster with hosts.sh
+ * (SLURM_CONF names it; AMBRIX_CLUSTER_SCRIPT and AMBRIX_CLUSTER_DIR let a
+ * scenario kill a node, cut its link, or make it resolve the head's name to
+ * an address no one holds). The pools keep their default listen address:
+ * the head's name, which each node resolves from its own hosts file.
+ */
+@Timeout(value = 240, unit = TimeUnit.SECONDS)
+class SlurmHostsScenario {
+    static final List<String> NODES = List.of("c1", "c2");
+    /** A task that keeps its worker busy for some seconds. */
+    static final String LONG_TASK = "for i to 3*10^6 do end do: 42;";
+
+    @BeforeAll
+    static void cluster() throws Exception {
+        assertNotNull(System.getenv("AMBRIX_CLUSTER_DIR"), "no test cluster: run through tests/pool/slurm/run.sh BUILD hosts");
+        for (String node : NODES) assertEquals("idle", nodeState(node));
+    }
+
+    /** Runs hosts.sh with an action on the test's cluster, and fails the test if it fails. */
+    static void hosts(String action, String... args) throws IOException, InterruptedException {
+        List<String> c = new ArrayList<>(List.of(System.getenv("AMBRIX_CLUSTER_SCRIPT"), action,
+                System.getenv("AMBRIX_CLUSTER_DIR")));
+        c.addAll(List.of(args));
+        Process p = SlurmScenario.command(c.toArray(new String[0])).start();
+        String out = new String(p.getInputStream().readAllBytes(), java.nio.charset.StandardCharsets.UTF_8);
+        assertEquals(0, p.waitFor(), String.join(" ", c) + ": " + out);
+    }
+
+    /** Every process of the node killed, its slurmd included: Slurm declares it down some 10 s later. */
+    static void killNode(String node) throws IOException, InterruptedException {
+        hosts("kill-node", node);
+    }
+
+    /** The node started afresh, back in service. */
+    static void startNode(String node) throws Exception {
+        hosts("start-node", node);
+        awaitNodeState(node, "idle", 60);
+    }
+
+    /** The node's link on the bridge taken down (a partition: nothing answers, nothing is reset) or up. */
+    static void link(String node, boolean up) throws IOException, InterruptedException {
+        hosts("link", node, up ? "up" : "down");
+    }
+
+    /** The node resolves the head's name to an address that no one holds (or, reachable, to the head's). */
+    static void headReachableFrom(String node, boolean reachable) throws IOException, InterruptedException {
+        hosts(reachable ? "reachable-head" : "unreachable-head", node);
+    }
+
+    /** The node's state as sinfo gives it: idle, mixed, allocated, down*... */
+    static String nodeState(String node) throws IOException, InterruptedException {
+        return SlurmScenario.run("sinfo", "-h", "-n", node, "-o", "%T").strip();
+    }
+
+    static void awaitNodeState(String node, String state, int seconds) throws InterruptedException {
+        SlurmScenario.awaitTrue(node + " " + state, () -> {
+            try {
+                return nodeState(node).equals(state);
+            } catch (IOException | InterruptedException e) {
+                return false;
+            }
+        }, seconds);
+    }
+
+    /** How many of the pool's workers each node holds. */
+    static Map<String, Long> workersPerHost(EnginePool pool) {
+        return pool.workerStates().stream().filter(s -> s.host() != null)
+                .collect(Collectors.groupingBy(WorkerState::host, Collectors.counting()));
+    }
+
+    static EnginePool.Builder onHosts(int workers) {
+        return EnginePool.builder().workers(workers).launcher(SlurmLauncher.builder().build())
+                .graceTime(Duration.ofMillis(500));
+    }
+
+    @Test
+    void workersSpreadOverBothNodesAndReachTheHeadByItsName() throws Exception {
+        List<String> jobs;
+        try (EnginePool pool = onHosts(2).build()) {
+            assertTrue(pool.awaitWorkers(2, Duration.ofSeconds(90)), pool.workerStates().toString());
+            assertEquals(Set.copyOf(NODES), workersPerHost(pool).keySet(), pool.workerStates().toString());
+            List<CompletableFuture<Result>> tasks = new ArrayList<>();
+            for (int i = 0; i < 6; i++) tasks.add(pool.submit(i + " * 3;"));
+            for (int i = 0; i < 6; i++) assertEquals(Integer.toString(3 * i), tasks.get(i).join().text());
+            jobs = pool.workerStates().stream().map(WorkerState::job).toList();
+        }
+        SlurmScenario.awaitJobsEnded(jobs, 15);
+        // With no job left, nothing that watched them runs on (the reaper of queued jobs included).
+        SlurmScenario.awaitTrue("no child process of this JVM", () -> ProcessHandle.current().children()
+                .noneMatch(ProcessHandle::isAlive), 10);
+    }
+
+    /**
+     * A pool killed while its jobs wait in the queue (for a minute, to
+     * begin): no job of it may wait on for its pool that is gone.
+     */
+    @Test
+    void noPendingJobOutlivesAPoolWhoseJvmIsKilled() throws Exception {
+        List<String> jobs = SlurmScenario.killedOpenersJobs("pending", "60", "default");
+        SlurmScenario.awaitJobsEnded(jobs, 15);
+    }
+
+    // The scenarios below need what the pool does not do yet; their plumbing is here.
+
+    /** Eight tasks, four on each node; c1 dies under them. */
+    @Test
+    @Disabled("until tasks lost with their worker are retried elsewhere (Builder.retries, Result.attempts)")
+    void everyTaskCompletesWhenItsNodeDies() throws Exception {
+        try (EnginePool pool = onHosts(8).build()) {
+            assertTrue(pool.awaitWorkers(8, Duration.ofSeconds(120)), pool.workerStates().toString());
+            assertEquals(Map.of("c1", 4L, "c2", 4L), workersPerHost(pool));
+            List<CompletableFuture<Result>> tasks = new ArrayList<>();
+            for (int i = 0; i < 8; i++) tasks.add(pool.submit(LONG_TASK));
+            SlurmScenario.awaitTrue("8 busy workers", () -> pool.workerStates().stream()
+                    .filter(s -> s.status() == WorkerState.Status.BUSY).count() == 8, 30);
+            killNode("c1");
+            for (CompletableFuture<Result> t : tasks) assertEquals("42", t.join().text());
+            // To come: the four of c1 took two attempts, their second on c2.
+        } finally {
+            startNode("c1");
+        }
+    }
+
+    /** A task on each node; c2's link goes down. */
+    @Test
+    @Disabled("until tasks lost with their worker are retried elsewhere (Builder.retries, Result.attempts)")
+    void tasksOfAPartitionedNodeCompleteOnTheOther() throws Exception {
+        try (EnginePool pool = onHosts(2).heartbeatTimeout(Duration.ofSeconds(3)).build()) {
+            assertTrue(pool.awaitWorkers(2, Duration.ofSeconds(90)), pool.workerStates().toString());
+            assertEquals(Set.copyOf(NODES), workersPerHost(pool).keySet());
+            List<CompletableFuture<Result>> tasks = List.of(pool.submit(LONG_TASK), pool.submit(LONG_TASK));
+            SlurmScenario.awaitTrue("2 busy workers", () -> pool.workerStates().stream()
+                    .allMatch(s -> s.status() == WorkerState.Status.BUSY), 30);
+            link("c2", false);
+            for (CompletableFuture<Result> t : tasks) assertEquals("42", t.join().text());
+            // To come: c2's task took two attempts, its second on c1, after the heartbeat timeout.
+        } finally {
+            link("c2", true);
+            awaitNodeState("c2", "idle", 60);
+        }
+    }
+
+    /** Workers on c1, which resolves the head's name to an address no one holds. */
+    @Test
+    @Disabled("until a worker's failure to connect reaches the pool and the tasks that wait for it")
+    void aNodeThatCannotReachTheHeadIsNamedWithItsError() throws Exception {
+        headReachableFrom("c1", false);
+        Throwable failure;
+        // The build, or else the task that waits for a worker, fails.
+        try (EnginePool pool = EnginePool.builder().workers(1)
+                .launcher(SlurmLauncher.builder().sbatchOptions("--nodelist=c1").build()).build()) {
+            failure = assertThrows(CompletionException.class, () -> pool.submit("1;").join()).getCause();
+        } catch (VexelException e) {
+            failure = e;
+        } finally {
+            headReachableFrom("c1", true);
+        }
+        assertTrue(failure.getMessage().contains("No route to host"), failure.toString());
+    }
+}
