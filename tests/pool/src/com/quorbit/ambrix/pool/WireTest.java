@@ -256,7 +256,7 @@ class WireTest {
         Wire.Writer reply = new WorkerKernel().run(7, id -> {
             throw thrown;
         });
-        Task task = new Task(7, Wire.EVAL, null, false, false);
+        Task task = new Task(7, Wire.EVAL, null, false, false, 0);
         task.answer(read(frame(reply))).run();
         Throwable e = assertThrows(ExecutionException.class, task.future::get).getCause();
         KernelErrorException k = assertInstanceOf(KernelErrorException.class, e);
@@ -283,7 +283,7 @@ class WireTest {
     @ParameterizedTest(name = "{0}")
     @MethodSource("badErrors")
     void aBadErrorAnswerIsRefused(String what, Wire.Writer answer, String message) throws Exception {
-        Task task = new Task(7, Wire.EVAL, null, false, false);
+        Task task = new Task(7, Wire.EVAL, null, false, false, 0);
         Wire.Frame f = read(frame(answer));
         Wire.WireException e = assertThrows(Wire.WireException.class, () -> task.answer(f));
         assertTrue(e.getMessage().contains(message), e.getMessage());
