@@ -221,6 +221,11 @@ public final class SlurmLauncher implements Launcher {
     List<String> sbatchCommand(Launch launch) {
         List<String> c = new ArrayList<>(List.of("sbatch", "--parsable", "--job-name=" + launch.name(),
                 "--output=" + settings.output, "--export=ALL"));
+        if (settings.sbatchOptions.stream().noneMatch(o -> o.equals("--requeue"))) {
+            // A job whose node failed is not put back in the queue: its worker is lost, its task runs
+            // again elsewhere, and the pool launches another worker where its size asks for one.
+            c.add("--no-requeue");
+        }
         if (settings.partition != null) {
             c.add("--partition=" + settings.partition);
         }
@@ -253,12 +258,30 @@ public final class SlurmLauncher implements Launcher {
         if (settings.jar != null && cp >= 0 && cp + 1 < command.size()) {
             command.set(cp + 1, settings.jar);
         }
-        StringBuilder s = new StringBuilder("#!/bin/sh\nexec");
-        for (String word : command) {
-            s.append(" '").append(word.replace("'", "'\\''")).append('\'');
+        StringBuilder s = new StringBuilder("#!/bin/sh\n").append(CRASH_WORD).append("exec");
+        for (int i = 0; i < command.size(); i++) {
+            s.append(" '").append(command.get(i).replace("'", "'\\''")).append('\'');
+            if (i == 0) {
+                // The JVM's report of a fatal error goes where the crash word finds it, and then says it.
+                s.append(" \"-XX:ErrorFile=${TMPDIR:-/tmp}/ambrix-worker-$SLURM_JOB_ID.log\"")
+                        .append(" '-XX:OnError=eval \"$AMBRIX_ON_CRASH\"'");
+            }
         }
         return s.append('\n').toString();
     }
+
+    /**
+     * How a worker whose kernel crashed says so, when the JVM reports its
+     * fatal error: the signal from the report, in its job's comment
+     * ("ambrix worker on c1: crashed (SIGSEGV) in its kernel"), which the
+     * job's end then carries, as a worker that cannot reach the pool does
+     * ({@link Unreachable}). So the pool tells a crash, after which a task
+     * does not run again, from a node that died. (The JVM splits its
+     * OnError commands at semicolons: the command is in a variable.)
+     */
+    static final String CRASH_WORD = "AMBRIX_ON_CRASH='sig=$(grep -o -m1 \"SIG[A-Z]*\" \"${TMPDIR:-/tmp}/ambrix-worker-"
+            + "$SLURM_JOB_ID.log\"); scontrol update JobId=$SLURM_JOB_ID Comment=\"" + Unreachable.MARK
+            + " on $(hostname): crashed (${sig:-a fatal error}) in its kernel\"'\nexport AMBRIX_ON_CRASH\n";
 
     @Override
     public Launched launch(Launch launch) throws IOException {

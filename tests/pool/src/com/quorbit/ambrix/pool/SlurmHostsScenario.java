@@ -17,7 +17,6 @@ import java.util.concurrent.CompletionException;
 import java.util.concurrent.TimeUnit;
 import java.util.stream.Collectors;
 import org.junit.jupiter.api.BeforeAll;
-import org.junit.jupiter.api.Disabled;
 import org.junit.jupiter.api.Test;
 import org.junit.jupiter.api.Timeout;
 
@@ -37,8 +36,13 @@ class SlurmHostsScenario {
     /** A task that keeps its worker busy for some seconds. */
     static final String LONG_TASK = "for i to 3*10^6 do end do: 42;";
 
+    static final PoolTest.LogRecords LOG = new PoolTest.LogRecords();
+    /** Held, so that the logger keeps its handler. */
+    static final java.util.logging.Logger POOL_LOG = java.util.logging.Logger.getLogger("com.quorbit.ambrix.pool");
+
     @BeforeAll
     static void cluster() throws Exception {
+        POOL_LOG.addHandler(LOG);
         assertNotNull(System.getenv("AMBRIX_CLUSTER_DIR"), "no test cluster: run through tests/pool/slurm/run.sh BUILD hosts");
         for (String node : NODES) assertEquals("idle", nodeState(node));
     }
@@ -127,11 +131,11 @@ class SlurmHostsScenario {
         SlurmScenario.awaitJobsEnded(jobs, 15);
     }
 
-    // The scenarios below need what the pool does not do yet; their plumbing is here.
-
-    /** Eight tasks, four on each node; c1 dies under them. */
+    /**
+     * Eight tasks, four on each node; every process on c1 dies under them:
+     * their connections reset, and the four tasks of c1 run again on c2.
+     */
     @Test
-    @Disabled("until tasks lost with their worker are retried elsewhere (Builder.retries, Result.attempts)")
     void everyTaskCompletesWhenItsNodeDies() throws Exception {
         try (EnginePool pool = onHosts(8).build()) {
             assertTrue(pool.awaitWorkers(8, Duration.ofSeconds(120)), pool.workerStates().toString());
@@ -140,17 +144,30 @@ class SlurmHostsScenario {
             for (int i = 0; i < 8; i++) tasks.add(pool.submit(LONG_TASK));
             SlurmScenario.awaitTrue("8 busy workers", () -> pool.workerStates().stream()
                     .filter(s -> s.status() == WorkerState.Status.BUSY).count() == 8, 30);
+            LOG.messages.clear();
             killNode("c1");
-            for (CompletableFuture<Result> t : tasks) assertEquals("42", t.join().text());
-            // To come: the four of c1 took two attempts, their second on c2.
+            List<Integer> attempts = new ArrayList<>();
+            for (CompletableFuture<Result> t : tasks) {
+                Result r = t.join();
+                assertEquals("42", r.text());
+                attempts.add(r.attempts());
+            }
+            assertEquals(4, attempts.stream().filter(a -> a == 2).count(), attempts.toString());
+            assertEquals(4, pool.stats().retriedTasks());
+            assertEquals(4, pool.stats().lostWorkers());
+            String lost = LOG.messages.stream().filter(m -> m.contains(" lost with worker ")).findFirst()
+                    .orElseThrow(() -> new AssertionError("no word of a lost run: " + LOG.messages));
+            assertTrue(lost.contains("(the connection to the worker on c1 was lost"), lost);
         } finally {
             startNode("c1");
         }
     }
 
-    /** A task on each node; c2's link goes down. */
+    /**
+     * A task on each node; c2's link goes down, so nothing is reset: after
+     * the heartbeat timeout, c2's task runs again on c1.
+     */
     @Test
-    @Disabled("until tasks lost with their worker are retried elsewhere (Builder.retries, Result.attempts)")
     void tasksOfAPartitionedNodeCompleteOnTheOther() throws Exception {
         try (EnginePool pool = onHosts(2).heartbeatTimeout(Duration.ofSeconds(3)).build()) {
             assertTrue(pool.awaitWorkers(2, Duration.ofSeconds(90)), pool.workerStates().toString());
@@ -159,8 +176,14 @@ class SlurmHostsScenario {
             SlurmScenario.awaitTrue("2 busy workers", () -> pool.workerStates().stream()
                     .allMatch(s -> s.status() == WorkerState.Status.BUSY), 30);
             link("c2", false);
-            for (CompletableFuture<Result> t : tasks) assertEquals("42", t.join().text());
-            // To come: c2's task took two attempts, its second on c1, after the heartbeat timeout.
+            List<Integer> attempts = new ArrayList<>();
+            for (CompletableFuture<Result> t : tasks) {
+                Result r = t.join();
+                assertEquals("42", r.text());
+                attempts.add(r.attempts());
+            }
+            assertEquals(List.of(1, 2), attempts.stream().sorted().toList());
+            assertEquals(1, pool.stats().retriedTasks());
         } finally {
             link("c2", true);
             awaitNodeState("c2", "idle", 60);
@@ -169,7 +192,6 @@ class SlurmHostsScenario {
 
     /** Workers on c1, which resolves the head's name to an address no one holds. */
     @Test
-    @Disabled("until a worker's failure to connect reaches the pool and the tasks that wait for it")
     void aNodeThatCannotReachTheHeadIsNamedWithItsError() throws Exception {
         headReachableFrom("c1", false);
         Throwable failure;
@@ -183,5 +205,55 @@ class SlurmHostsScenario {
             headReachableFrom("c1", true);
         }
         assertTrue(failure.getMessage().contains("No route to host"), failure.toString());
+    }
+
+    /**
+     * A pool of 0 to 4 workers: no job while idle, up to 4 under a burst of
+     * 8 tasks, and none again after the idle timeout; its JMX bean agrees
+     * with squeue all along.
+     */
+    @Test
+    void anAdaptivePoolHoldsJobsOnlyWhileItHasWork() throws Exception {
+        javax.management.MBeanServer server = java.lang.management.ManagementFactory.getPlatformMBeanServer();
+        javax.management.ObjectName bean = new javax.management.ObjectName(
+                "com.quorbit.ambrix:type=EnginePool,name=adaptive-on-hosts");
+        java.util.function.IntSupplier workers = () -> {
+            try {
+                return (Integer) server.getAttribute(bean, "Workers");
+            } catch (javax.management.JMException e) {
+                throw new AssertionError(e);
+            }
+        };
+        try (EnginePool pool = EnginePool.builder().workers(0, 4).idleTimeout(Duration.ofSeconds(3))
+                .name("adaptive-on-hosts").launcher(SlurmLauncher.builder().build()).build()) {
+            Thread.sleep(1000);
+            assertEquals(List.of(), SlurmScenario.queued());
+            assertEquals(0, workers.getAsInt());
+            List<CompletableFuture<Result>> burst = new ArrayList<>();
+            for (int i = 0; i < 8; i++) burst.add(pool.submit(LONG_TASK));
+            int most = 0;
+            boolean agreed = false;
+            while (!burst.stream().allMatch(CompletableFuture::isDone)) {
+                int jobs = SlurmScenario.queued().size();
+                int held = workers.getAsInt();
+                assertTrue(jobs <= 4 && held <= 4, jobs + " jobs, " + held + " workers: past the most");
+                most = Math.max(most, jobs);
+                agreed |= jobs == 4 && held == 4;
+                Thread.sleep(100);
+            }
+            for (CompletableFuture<Result> t : burst) assertEquals("42", t.join().text());
+            assertEquals(4, most, "the burst did not take 4 jobs");
+            assertTrue(agreed, "the bean never counted the 4 workers that squeue listed");
+            SlurmScenario.awaitTrue("no job and no worker after the idle timeout",
+                    () -> {
+                        try {
+                            return SlurmScenario.queued().isEmpty() && workers.getAsInt() == 0;
+                        } catch (IOException | InterruptedException e) {
+                            return false;
+                        }
+                    }, 40);
+            assertEquals(8, pool.stats().completedTasks());
+            assertEquals(0, pool.stats().lostWorkers());
+        }
     }
 }

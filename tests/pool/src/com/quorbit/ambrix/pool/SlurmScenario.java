@@ -202,6 +202,19 @@ class SlurmScenario {
         assertEquals("12", pool.submit("area(3, 4);").join().text());
     }
 
+    /**
+     * A kernel that crashes under its task says so through its job's
+     * comment: the task is not run again once that word is in, since another
+     * run would crash as well.
+     */
+    @Test
+    void aCrashedKernelsJobSaysSoAndItsTaskIsNotRunAgain() throws Exception {
+        WorkerLostException e = assertInstanceOf(WorkerLostException.class,
+                assertThrows(CompletionException.class, () -> pool.submit("crashkernel();").join()).getCause());
+        assertTrue(e.reason().contains("crashed (SIGSEGV) in its kernel"), e.getMessage());
+        assertTrue(pool.awaitWorkers(2, Duration.ofSeconds(60)), pool.workerStates().toString());
+    }
+
     @Test
     void aTaskPastItsTimeLimitIsKilledThroughSlurm() throws Exception {
         Running r = submitAlone("spin();", Duration.ofSeconds(1));
