@@ -157,6 +157,7 @@ public final class Bench {
         boolean poolOnly = false;
         boolean poolChild = false;
         boolean markOnly = false;
+        boolean hostsOnly = false;
         for (String a : args) {
             switch (a) {
                 case "--smoke" -> s = SMOKE;
@@ -165,8 +166,9 @@ public final class Bench {
                 case "--pool" -> poolOnly = true;
                 case "--pool-child" -> poolChild = true;
                 case "--mark" -> markOnly = true;
+                case "--hosts" -> hostsOnly = true;
                 default -> {
-                    System.err.println("usage: Bench [--smoke] [--fallback] [--values] [--pool] [--pool-child] [--mark]");
+                    System.err.println("usage: Bench [--smoke] [--fallback] [--values] [--pool] [--pool-child] [--mark] [--hosts]");
                     System.exit(2);
                 }
             }
@@ -181,6 +183,12 @@ public final class Bench {
         }
         if (poolChild) {
             PoolBench.run(engine, s == SMOKE);
+            engine.stop();
+            return;
+        }
+        if (hostsOnly) {
+            header();
+            HostsBench.run();
             engine.stop();
             return;
         }
