@@ -121,12 +121,28 @@ class PeerTest {
             assertFalse(p.workerPids().contains(pid), "the killed worker was not taken for lost");
             assertTrue(p.awaitWorkers(1, Duration.ZERO), "no worker replaced the killed one");
             assertEquals(2L, within(p.submit("1 + 1;"), 30, "a task after the strangers").value());
+            // Each refused connection is told, in a line of its own or in an interval's count.
+            long told = 0;
+            end = System.nanoTime() + Refusals.INTERVAL_NANOS + TimeUnit.SECONDS.toNanos(5);
+            while (told < 1000 && System.nanoTime() < end) {
+                Thread.sleep(100);
+                told = records.messages.subList(before, records.messages.size()).stream()
+                        .mapToLong(PeerTest::refusalsTold).sum();
+            }
+            assertTrue(told >= 1000, told + " refusals told of 1000: " + records.messages.subList(before,
+                    records.messages.size()));
         } finally {
             log.removeHandler(records);
             for (SocketChannel c : idle) {
                 c.close();
             }
         }
+    }
+
+    /** How many refused connections a log line tells of: one, or the count it sums up. */
+    static long refusalsTold(String line) {
+        java.util.regex.Matcher m = java.util.regex.Pattern.compile("(\\d+) more like it").matcher(line);
+        return m.find() ? Long.parseLong(m.group(1)) : line.contains("refused a connection") ? 1 : 0;
     }
 
     /**
@@ -242,6 +258,30 @@ class PeerTest {
                     // It was killed as lost already, or is now.
                     new ProcessBuilder("kill", "-CONT", Long.toString(stopped)).start().waitFor();
                 }
+            }
+        }
+    }
+
+    /**
+     * A local worker sends no heartbeats: when it is stopped, only its
+     * stalled write tells. A task larger than its socket takes is written in
+     * part; the worker is lost once the write makes no progress for the
+     * heartbeat timeout, and the task fails with that reason.
+     */
+    @Test
+    void aWriteThatStallsLosesALocalWorkerWithTheReason() throws Exception {
+        try (EnginePool p = EnginePool.builder().workers(1).retries(0).heartbeatTimeout(Duration.ofSeconds(2))
+                .build()) {
+            assertTrue(p.awaitWorkers(1, Duration.ofSeconds(60)), "no worker started");
+            long pid = p.workerPids().get(0);
+            signal("STOP", pid);
+            try {
+                CompletableFuture<Result> task = p.submit("\"" + "a".repeat(4 << 20) + "\":");
+                WorkerLostException e = assertInstanceOf(WorkerLostException.class,
+                        failure(task, 20, "the task written to a stopped worker"));
+                assertTrue(e.reason().contains("made no progress for 2 s"), e.reason());
+            } finally {
+                new ProcessBuilder("kill", "-CONT", Long.toString(pid)).start().waitFor();
             }
         }
     }
