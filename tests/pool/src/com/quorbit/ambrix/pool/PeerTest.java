@@ -147,7 +147,9 @@ class PeerTest {
 
     /**
      * The main of a JVM whose pool's listener runs out of descriptors: it
-     * takes every descriptor left, lets strangers knock for two seconds, gives
+     * breaks the pool's log, as running out does to a log formatter that has
+     * yet to load a class, takes every descriptor left, lets strangers knock
+     * for two seconds, gives
      * them back, kills its worker, and says whether a replacement connected.
      */
     public static final class Starved {
@@ -160,6 +162,19 @@ class PeerTest {
                 }
                 long pid = p.workerPids().get(0);
                 InetSocketAddress at = launcher.address();
+                // Out of descriptors, a log formatter cannot load what it wants, and stays broken after.
+                java.util.logging.Logger.getLogger("com.quorbit.ambrix.pool").addHandler(new java.util.logging.Handler() {
+                    @Override
+                    public void publish(java.util.logging.LogRecord r) {
+                        throw new NoClassDefFoundError("a formatter that could not load its time zones");
+                    }
+
+                    @Override
+                    public void flush() {}
+
+                    @Override
+                    public void close() {}
+                });
                 List<java.io.FileInputStream> hoard = new ArrayList<>();
                 try {
                     while (true) {
