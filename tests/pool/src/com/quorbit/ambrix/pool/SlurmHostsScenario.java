@@ -65,7 +65,7 @@ class SlurmHostsScenario {
     /** The node started afresh, back in service. */
     static void startNode(String node) throws Exception {
         hosts("start-node", node);
-        awaitNodeState(node, "idle", 60);
+        awaitNodeState(node, "idle", 120);
     }
 
     /** The node's link on the bridge taken down (a partition: nothing answers, nothing is reset) or up. */
@@ -83,14 +83,18 @@ class SlurmHostsScenario {
         return SlurmScenario.run("sinfo", "-h", "-n", node, "-o", "%T").strip();
     }
 
-    static void awaitNodeState(String node, String state, int seconds) throws InterruptedException {
-        SlurmScenario.awaitTrue(node + " " + state, () -> {
-            try {
-                return nodeState(node).equals(state);
-            } catch (IOException | InterruptedException e) {
-                return false;
-            }
-        }, seconds);
+    static void awaitNodeState(String node, String state, int seconds) throws Exception {
+        try {
+            SlurmScenario.awaitTrue(node + " " + state, () -> {
+                try {
+                    return nodeState(node).equals(state);
+                } catch (IOException | InterruptedException e) {
+                    return false;
+                }
+            }, seconds);
+        } catch (AssertionError e) {
+            throw new AssertionError(e.getMessage() + " (it is " + nodeState(node) + ")", e);
+        }
     }
 
     /** How many of the pool's workers each node holds. */
@@ -186,7 +190,9 @@ class SlurmHostsScenario {
             assertEquals(1, pool.stats().retriedTasks());
         } finally {
             link("c2", true);
-            awaitNodeState("c2", "idle", 60);
+            // Back on the link, its slurmd started afresh: Slurm may hold the killed job, or have
+            // declared the node down, until it registers again.
+            startNode("c2");
         }
     }
 
