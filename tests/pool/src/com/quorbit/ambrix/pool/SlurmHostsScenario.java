@@ -35,6 +35,12 @@ class SlurmHostsScenario {
     static final List<String> NODES = List.of("c1", "c2");
     /** A task that keeps its worker busy for some seconds. */
     static final String LONG_TASK = "for i to 3*10^6 do end do: 42;";
+    /**
+     * A task that runs long enough to still run when its node fails: a
+     * worker that has answered and resets counts as busy too, so a task
+     * that could end before the fault would pass for one it hit.
+     */
+    static final String FAULT_TASK = "for i to 10^7 do end do: 42;";
 
     static final PoolTest.LogRecords LOG = new PoolTest.LogRecords();
     /** Held, so that the logger keeps its handler. */
@@ -145,7 +151,7 @@ class SlurmHostsScenario {
             assertTrue(pool.awaitWorkers(8, Duration.ofSeconds(120)), pool.workerStates().toString());
             assertEquals(Map.of("c1", 4L, "c2", 4L), workersPerHost(pool));
             List<CompletableFuture<Result>> tasks = new ArrayList<>();
-            for (int i = 0; i < 8; i++) tasks.add(pool.submit(LONG_TASK));
+            for (int i = 0; i < 8; i++) tasks.add(pool.submit(FAULT_TASK));
             SlurmScenario.awaitTrue("8 busy workers", () -> pool.workerStates().stream()
                     .filter(s -> s.status() == WorkerState.Status.BUSY).count() == 8, 30);
             LOG.messages.clear();
@@ -176,7 +182,7 @@ class SlurmHostsScenario {
         try (EnginePool pool = onHosts(2).heartbeatTimeout(Duration.ofSeconds(3)).build()) {
             assertTrue(pool.awaitWorkers(2, Duration.ofSeconds(90)), pool.workerStates().toString());
             assertEquals(Set.copyOf(NODES), workersPerHost(pool).keySet());
-            List<CompletableFuture<Result>> tasks = List.of(pool.submit(LONG_TASK), pool.submit(LONG_TASK));
+            List<CompletableFuture<Result>> tasks = List.of(pool.submit(FAULT_TASK), pool.submit(FAULT_TASK));
             SlurmScenario.awaitTrue("2 busy workers", () -> pool.workerStates().stream()
                     .allMatch(s -> s.status() == WorkerState.Status.BUSY), 30);
             link("c2", false);
