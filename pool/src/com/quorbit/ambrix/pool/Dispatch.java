@@ -169,7 +169,7 @@ final class Dispatch {
         if (!task.pooled) {
             return;
         }
-        if ((task.kind == Wire.EVAL || task.kind == Wire.CALL) && servedItsShare(w)) {
+        if (Task.callers(task.kind) && servedItsShare(w)) {
             return;
         }
         if (task.resetAfter) {

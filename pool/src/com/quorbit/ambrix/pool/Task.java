@@ -87,6 +87,11 @@ final class Task {
         }
     }
 
+    /** Whether a task of this kind is a caller's statement or call, not the pool's own reset or start. */
+    static boolean callers(byte kind) {
+        return kind == Wire.EVAL || kind == Wire.CALL;
+    }
+
     /** The runs the task has taken so far, the one now included. */
     int runs() {
         synchronized (lostRuns) {

@@ -20,7 +20,7 @@ final class Tasks {
     /** A new task of that kind; its frame holds the header, and the caller adds the payload. */
     private Task task(byte kind, Duration limit, boolean resetAfter, boolean pooled) {
         // A pooled statement or call may run again after a loss; a session's never does.
-        int retries = pooled && (kind == Wire.EVAL || kind == Wire.CALL) ? settings.retries() : 0;
+        int retries = pooled && Task.callers(kind) ? settings.retries() : 0;
         return new Task(ids.incrementAndGet(), kind, limit, resetAfter, pooled, retries);
     }
 
